@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs every test through ctest.
+#   scripts/test.sh             Debug build in build/
+#   scripts/test.sh --sanitize  AddressSanitizer + UndefinedBehaviorSanitizer build in build-asan/
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build_dir=build
+cmake_flags=(-DCMAKE_BUILD_TYPE=Debug)
+if [ "${1:-}" = "--sanitize" ]; then
+  build_dir=build-asan
+  cmake_flags+=(-DTAVIK_CERTCACHE_SANITIZE=ON)
+  export ASAN_OPTIONS="detect_leaks=1:halt_on_error=1:abort_on_error=0:detect_stack_use_after_return=1"
+  export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
+fi
+
+scripts/setup.sh
+cmake -S . -B "$build_dir" "${cmake_flags[@]}"
+cmake --build "$build_dir" -j "$(nproc)"
+ctest --test-dir "$build_dir" --output-on-failure -j "$(nproc)"

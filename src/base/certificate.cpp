@@ -1,0 +1,146 @@
+#include "base/certificate.h"
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+
+#include <utility>
+
+#include "base/certificateparser.h"
+#include "base/configurationinit.h"
+#include "base/filecontents.h"
+
+namespace tavik {
+
+namespace {
+
+constexpr unsigned char kDerSequenceTag = 0x30;
+
+// Decodes exactly one certificate from `der`; null when the bytes are anything else.
+X509Ptr decodeWhole(const std::string& der) {
+  const auto* start = reinterpret_cast<const unsigned char*>(der.data());
+  const unsigned char* cursor = start;
+  X509Ptr x509(d2i_X509(nullptr, &cursor, static_cast<long>(der.size())));
+  if (!x509 || cursor != start + der.size()) return X509Ptr();
+  return x509;
+}
+
+// The DER of the certificate in a file's bytes: DER as it stands, or the first
+// PEM certificate block.
+bool certificateDer(const std::string& contents, std::string& der) {
+  if (!contents.empty() && static_cast<unsigned char>(contents[0]) == kDerSequenceTag) {
+    der = contents;
+    return true;
+  }
+  return decodeFirstPemCertificate(contents, der);
+}
+
+PkeyHandle readPrivateKey(const std::string& keyPath, const std::string& password) {
+  std::string contents;
+  if (!readSmallRegularFile(keyPath, kMaxCredentialFileSize, contents)) return PkeyHandle();
+  BioPtr bio(BIO_new_mem_buf(contents.data(), static_cast<int>(contents.size())));
+  if (!bio) return PkeyHandle();
+  // The password goes in as the default pass-phrase callback's user data, as it
+  // went in when the key was written; it is never null, so OpenSSL never prompts.
+  return PkeyHandle(
+      PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, const_cast<char*>(password.c_str())));
+}
+
+}  // namespace
+
+Certificate::Certificate(std::string der, X509Ptr x509, CertificateIdentity identity)
+    : der_(std::move(der)), identity_(std::move(identity)), x509_(std::move(x509)) {}
+
+Certificate::~Certificate() = default;
+
+std::shared_ptr<Certificate> Certificate::fromDer(std::string der, bool decodeWholeNow) {
+  if (decodeWholeNow) {
+    X509Ptr x509 = decodeWhole(der);
+    if (!x509) return nullptr;
+    CertificateIdentity identity = readCertificateIdentity(X509_get_subject_name(x509.get()),
+                                                           X509_get0_extensions(x509.get()));
+    return std::shared_ptr<Certificate>(
+        new Certificate(std::move(der), std::move(x509), std::move(identity)));
+  }
+
+  CertificateLayout layout;
+  const auto* bytes = reinterpret_cast<const unsigned char*>(der.data());
+  if (!parseCertificateLayout(bytes, der.size(), layout)) return nullptr;
+  const unsigned char* cursor = layout.subject;
+  X509NamePtr subject(d2i_X509_NAME(nullptr, &cursor, static_cast<long>(layout.subjectLength)));
+  if (!subject) return nullptr;
+  X509ExtensionsPtr extensions;
+  if (layout.extensions != nullptr) {
+    cursor = layout.extensions;
+    extensions.reset(
+        d2i_X509_EXTENSIONS(nullptr, &cursor, static_cast<long>(layout.extensionsLength)));
+    if (!extensions) return nullptr;
+  }
+  CertificateIdentity identity = readCertificateIdentity(subject.get(), extensions.get());
+  return std::shared_ptr<Certificate>(
+      new Certificate(std::move(der), X509Ptr(), std::move(identity)));
+}
+
+std::shared_ptr<Certificate> Certificate::createFromFile(std::string path, bool loadFlag) {
+  ConfigurationInit::ensure();
+  std::string contents;
+  std::string der;
+  if (!readSmallRegularFile(path, kMaxCredentialFileSize, contents) ||
+      !certificateDer(contents, der)) {
+    return nullptr;
+  }
+  std::shared_ptr<Certificate> certificate = fromDer(std::move(der), loadFlag);
+  if (!certificate) ERR_clear_error();
+  return certificate;
+}
+
+std::shared_ptr<Certificate> Certificate::createFromFileWithKey(std::string certPath,
+                                                                std::string keyPath,
+                                                                std::string password,
+                                                                bool /*loadFlag*/) {
+  // The key can only be matched against a fully decoded certificate.
+  std::shared_ptr<Certificate> certificate = createFromFile(std::move(certPath), true);
+  if (!certificate) return nullptr;
+  PkeyHandle key = readPrivateKey(keyPath, password);
+  if (!key || X509_check_private_key(certificate->x509_.get(), key.get()) != 1) {
+    ERR_clear_error();
+    return nullptr;
+  }
+  certificate->privateKey_ = std::move(key);
+  return certificate;
+}
+
+std::shared_ptr<Certificate> Certificate::createFromBase64(std::string text) {
+  ConfigurationInit::ensure();
+  std::string der;
+  if (text.size() > kMaxCredentialFileSize || !decodeCertificateText(text, der)) return nullptr;
+  std::shared_ptr<Certificate> certificate = fromDer(std::move(der), true);
+  if (!certificate) ERR_clear_error();
+  return certificate;
+}
+
+bool Certificate::saveToFile(std::string path) {
+  BioPtr bio(BIO_new_file(path.c_str(), "w"));
+  const bool written = bio && PEM_write_bio(bio.get(), PEM_STRING_X509, "",
+                                            reinterpret_cast<const unsigned char*>(der_.data()),
+                                            static_cast<long>(der_.size())) > 0;
+  if (!written) ERR_clear_error();
+  return written;
+}
+
+X509* Certificate::getX509() const {
+  std::call_once(decodeOnce_, [this] {
+    if (!x509_) {
+      x509_ = decodeWhole(der_);
+      if (!x509_) ERR_clear_error();
+    }
+  });
+  return x509_.get();
+}
+
+EVP_PKEY* Certificate::getPrivateKey() const { return privateKey_.get(); }
+
+const CertificateIdentity& Certificate::identity() const { return identity_; }
+
+const std::string& Certificate::der() const { return der_; }
+
+}  // namespace tavik

@@ -1,0 +1,239 @@
+#include "base/certificateparser.h"
+
+#include <cstring>
+
+namespace tavik {
+
+namespace {
+
+constexpr char kPemBegin[] = "-----BEGIN CERTIFICATE-----";
+constexpr char kPemEnd[] = "-----END CERTIFICATE-----";
+
+// Deeper nesting than this is not found in certificates; refusing it bounds
+// the recursion on hostile input.
+constexpr int kMaxDepth = 24;
+
+constexpr unsigned char kTagInteger = 0x02;
+constexpr unsigned char kTagBitString = 0x03;
+constexpr unsigned char kTagUtcTime = 0x17;
+constexpr unsigned char kTagGeneralizedTime = 0x18;
+constexpr unsigned char kTagSequence = 0x30;
+constexpr unsigned char kTagVersion = 0xA0;          // [0] EXPLICIT
+constexpr unsigned char kTagIssuerUniqueId = 0x81;   // [1] IMPLICIT BIT STRING
+constexpr unsigned char kTagSubjectUniqueId = 0x82;  // [2] IMPLICIT BIT STRING
+constexpr unsigned char kTagExtensions = 0xA3;       // [3] EXPLICIT
+constexpr unsigned char kConstructed = 0x20;
+
+struct Tlv {
+  unsigned char tag = 0;
+  const unsigned char* start = nullptr;  // the tag byte
+  const unsigned char* content = nullptr;
+  std::size_t contentLength = 0;
+  std::size_t totalLength() const {
+    return static_cast<std::size_t>(content - start) + contentLength;
+  }
+  const unsigned char* end() const { return content + contentLength; }
+};
+
+// Reads one TLV at `p`, which must lie within [p, end). DER only: a single-byte
+// tag, a definite length in its shortest form.
+bool readTlv(const unsigned char* p, const unsigned char* end, Tlv& tlv) {
+  if (end - p < 2) return false;
+  tlv.start = p;
+  tlv.tag = *p++;
+  if ((tlv.tag & 0x1F) == 0x1F) return false;  // multi-byte tags do not occur here
+  const unsigned char first = *p++;
+  std::size_t length = 0;
+  if (first < 0x80) {
+    length = first;
+  } else {
+    const int count = first & 0x7F;
+    if (count == 0 || count > 4 || end - p < count) return false;  // indefinite or huge
+    if (*p == 0) return false;                                     // not minimal
+    for (int i = 0; i < count; ++i) length = (length << 8) | *p++;
+    if (length < 0x80) return false;  // should have used the short form
+  }
+  if (static_cast<std::size_t>(end - p) < length) return false;
+  tlv.content = p;
+  tlv.contentLength = length;
+  return true;
+}
+
+// Checks that the content of every constructed value is a run of values that
+// fills it exactly, all the way down.
+bool wellFormed(const unsigned char* p, const unsigned char* end, int depth) {
+  if (depth > kMaxDepth) return false;
+  while (p < end) {
+    Tlv tlv;
+    if (!readTlv(p, end, tlv)) return false;
+    if ((tlv.tag & kConstructed) != 0 && !wellFormed(tlv.content, tlv.end(), depth + 1)) {
+      return false;
+    }
+    p = tlv.end();
+  }
+  return true;
+}
+
+// Reads the next field of a constructed value and checks its tag.
+bool nextField(const unsigned char*& p, const unsigned char* end, unsigned char tag, Tlv& field) {
+  if (!readTlv(p, end, field) || field.tag != tag) return false;
+  p = field.end();
+  return true;
+}
+
+bool isTime(const Tlv& tlv) { return tlv.tag == kTagUtcTime || tlv.tag == kTagGeneralizedTime; }
+
+bool parseValidity(const Tlv& validity) {
+  const unsigned char* p = validity.content;
+  Tlv notBefore;
+  Tlv notAfter;
+  if (!readTlv(p, validity.end(), notBefore) || !isTime(notBefore)) return false;
+  p = notBefore.end();
+  if (!readTlv(p, validity.end(), notAfter) || !isTime(notAfter)) return false;
+  return notAfter.end() == validity.end();
+}
+
+bool parseTbs(const Tlv& tbs, CertificateLayout& layout) {
+  const unsigned char* p = tbs.content;
+  const unsigned char* end = tbs.end();
+  Tlv field;
+  if (!readTlv(p, end, field)) return false;
+  if (field.tag == kTagVersion) p = field.end();
+  Tlv validity;
+  Tlv subject;
+  Tlv publicKeyInfo;
+  if (!nextField(p, end, kTagInteger, field) || field.contentLength == 0) return false;  // serial
+  if (!nextField(p, end, kTagSequence, field)) return false;  // signature
+  if (!nextField(p, end, kTagSequence, field)) return false;  // issuer
+  if (!nextField(p, end, kTagSequence, validity) || !parseValidity(validity)) return false;
+  if (!nextField(p, end, kTagSequence, subject)) return false;
+  if (!nextField(p, end, kTagSequence, publicKeyInfo)) return false;
+
+  layout.subject = subject.start;
+  layout.subjectLength = subject.totalLength();
+  layout.extensions = nullptr;
+  layout.extensionsLength = 0;
+  // The optional tail: issuer unique id, subject unique id, extensions, in this order.
+  unsigned char lastTag = 0;
+  while (p < end) {
+    if (!readTlv(p, end, field)) return false;
+    const bool known = field.tag == kTagIssuerUniqueId || field.tag == kTagSubjectUniqueId ||
+                       field.tag == kTagExtensions;
+    if (!known || field.tag <= lastTag) return false;
+    lastTag = field.tag;
+    if (field.tag == kTagExtensions) {
+      Tlv list;
+      if (!readTlv(field.content, field.end(), list) || list.tag != kTagSequence ||
+          list.end() != field.end()) {
+        return false;
+      }
+      layout.extensions = list.start;
+      layout.extensionsLength = list.totalLength();
+    }
+    p = field.end();
+  }
+  return true;
+}
+
+int base64Value(unsigned char c) {
+  if (c >= 'A' && c <= 'Z') return c - 'A';
+  if (c >= 'a' && c <= 'z') return c - 'a' + 26;
+  if (c >= '0' && c <= '9') return c - '0' + 52;
+  if (c == '+') return 62;
+  if (c == '/') return 63;
+  return -1;
+}
+
+bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+std::string::size_type skipSpace(const std::string& text, std::string::size_type from) {
+  while (from < text.size() && isSpace(text[from])) ++from;
+  return from;
+}
+
+// The DER between the marker lines of the PEM block whose BEGIN line starts at `begin`.
+bool decodePemBlockAt(const std::string& text, std::string::size_type begin, std::string& der,
+                      std::string::size_type& blockEnd) {
+  const std::string::size_type body = begin + std::strlen(kPemBegin);
+  const std::string::size_type endMarker = text.find(kPemEnd, body);
+  if (endMarker == std::string::npos) return false;
+  blockEnd = endMarker + std::strlen(kPemEnd);
+  return decodeBase64(text.data() + body, text.data() + endMarker, der);
+}
+
+}  // namespace
+
+bool parseCertificateLayout(const unsigned char* der, std::size_t length,
+                            CertificateLayout& layout) {
+  const unsigned char* end = der + length;
+  Tlv certificate;
+  if (!readTlv(der, end, certificate) || certificate.tag != kTagSequence ||
+      certificate.end() != end) {
+    return false;
+  }
+  if (!wellFormed(certificate.content, certificate.end(), 1)) return false;
+  const unsigned char* p = certificate.content;
+  Tlv tbs;
+  Tlv field;
+  if (!nextField(p, end, kTagSequence, tbs)) return false;
+  if (!nextField(p, end, kTagSequence, field)) return false;   // signature algorithm
+  if (!nextField(p, end, kTagBitString, field)) return false;  // signature value
+  if (p != end) return false;
+  return parseTbs(tbs, layout);
+}
+
+bool decodeBase64(const char* begin, const char* end, std::string& bytes) {
+  bytes.clear();
+  unsigned int group = 0;
+  int inGroup = 0;
+  int padding = 0;
+  for (const char* p = begin; p != end; ++p) {
+    const auto c = static_cast<unsigned char>(*p);
+    if (isSpace(static_cast<char>(c))) continue;
+    if (c == '=') {
+      // Padding closes the last group: "xx==" or "xxx=".
+      if (inGroup < 2 || ++padding > 2) return false;
+      group <<= 6;
+      if (++inGroup == 4) {
+        bytes.push_back(static_cast<char>((group >> 16) & 0xFF));
+        if (padding == 1) bytes.push_back(static_cast<char>((group >> 8) & 0xFF));
+        inGroup = 0;
+        group = 0;
+      }
+      continue;
+    }
+    const int value = base64Value(c);
+    if (value < 0 || padding > 0) return false;  // nothing may follow padding
+    group = (group << 6) | static_cast<unsigned int>(value);
+    if (++inGroup == 4) {
+      bytes.push_back(static_cast<char>((group >> 16) & 0xFF));
+      bytes.push_back(static_cast<char>((group >> 8) & 0xFF));
+      bytes.push_back(static_cast<char>(group & 0xFF));
+      inGroup = 0;
+      group = 0;
+    }
+  }
+  return inGroup == 0;
+}
+
+bool decodeFirstPemCertificate(const std::string& text, std::string& der) {
+  std::string::size_type begin = text.find(kPemBegin);
+  // The marker must open a line.
+  while (begin != std::string::npos && begin != 0 && text[begin - 1] != '\n') {
+    begin = text.find(kPemBegin, begin + 1);
+  }
+  if (begin == std::string::npos) return false;
+  std::string::size_type blockEnd = 0;
+  return decodePemBlockAt(text, begin, der, blockEnd);
+}
+
+bool decodeCertificateText(const std::string& text, std::string& der) {
+  const std::string::size_type first = skipSpace(text, 0);
+  if (text.compare(first, std::strlen(kPemBegin), kPemBegin) == 0) {
+    std::string::size_type blockEnd = 0;
+    return decodePemBlockAt(text, first, der, blockEnd) && skipSpace(text, blockEnd) == text.size();
+  }
+  return decodeBase64(text.data() + first, text.data() + text.size(), der) && !der.empty();
+}
+
+}  // namespace tavik

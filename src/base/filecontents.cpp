@@ -1,0 +1,58 @@
+#include "base/filecontents.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace tavik {
+
+namespace {
+
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int fd) : fd_(fd) {}
+  ~FileDescriptor() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  int get() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+}  // namespace
+
+bool readSmallRegularFile(const std::string& path, std::size_t limit, std::string& contents) {
+  // O_NONBLOCK makes opening a FIFO return at once; fstat then refuses it.
+  FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (file.get() < 0) return false;
+  struct stat info {};
+  if (::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
+  if (info.st_size < 0 || static_cast<unsigned long long>(info.st_size) > limit) return false;
+
+  // The size may change while we read; one byte more than the limit tells us so.
+  contents.resize(static_cast<std::size_t>(info.st_size) + 1);
+  std::size_t filled = 0;
+  for (;;) {
+    if (filled == contents.size()) {
+      if (contents.size() > limit) return false;
+      contents.resize(limit + 1);
+    }
+    const ssize_t got = ::read(file.get(), &contents[filled], contents.size() - filled);
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    if (got == 0) break;
+    filled += static_cast<std::size_t>(got);
+  }
+  if (filled > limit) return false;
+  contents.resize(filled);
+  return true;
+}
+
+}  // namespace tavik

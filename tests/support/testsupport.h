@@ -1,0 +1,89 @@
+// Shared helpers of the tests: temporary stores, certificates and keys made at
+// run time, files, the openssl command-line tool, and captured log statements.
+#ifndef TAVIK_TESTS_SUPPORT_TESTSUPPORT_H_
+#define TAVIK_TESTS_SUPPORT_TESTSUPPORT_H_
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "base/opensslutil.h"
+#include "log/log.h"
+
+namespace tavik {
+namespace test {
+
+// A fresh directory that is removed, with everything in it, when the object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+
+  const std::string& path() const { return path_; }
+  // path() joined with `relative`.
+  std::string operator/(const std::string& relative) const { return path_ + "/" + relative; }
+
+ private:
+  std::string path_;
+};
+
+// One of a few RSA 1024 keys made once per process (key generation is slow).
+EVP_PKEY* testKey(int which);
+
+struct CertOptions {
+  std::string commonName;
+  std::string email;                   // subject emailAddress, none when empty
+  std::vector<std::string> altEmails;  // rfc822Name subject alternative names
+  bool authority = false;              // basicConstraints cA TRUE
+  long serial = 2;
+  long validDays = 365;           // from now; negative: expired that many days ago
+  EVP_PKEY* key = nullptr;        // the subject key; testKey(0) when null
+  EVP_PKEY* issuerKey = nullptr;  // self-signed when null
+  X509* issuer = nullptr;
+};
+
+X509Ptr makeCertificate(const CertOptions& options);
+std::string toPem(X509* cert);
+std::string toDer(X509* cert);
+// The key as PEM, encrypted with Triple-DES under `password`.
+std::string encryptedKeyPem(EVP_PKEY* key, const std::string& password);
+
+void writeFile(const std::string& path, const std::string& contents);
+std::string readFile(const std::string& path);
+bool fileExists(const std::string& path);
+void makeDirectories(const std::string& path);
+// Every file below `dir`, relative to it, sorted.
+std::vector<std::string> listTree(const std::string& dir);
+
+// Writes base.crt (PEM) and base.key (encrypted with `password`) in `dir` for a
+// user certificate with subject emailAddress `email`.
+void writeUserPair(const std::string& dir, const std::string& baseName, const std::string& email,
+                   const std::string& password, EVP_PKEY* key = nullptr);
+
+// Runs a shell command; returns its exit status and fills `output` with its
+// standard output when given.
+int runCommand(const std::string& command, std::string* output = nullptr);
+
+// A fixture that captures every log statement at every level.
+class LogCaptureTest : public ::testing::Test {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  // The captured statements as "level: message", in order.
+  std::vector<std::string> statements() const;
+  // The captured messages of one level, in order.
+  std::vector<std::string> messages(LogMask::log_t level) const;
+  void clearLog() { records_.clear(); }
+
+  std::vector<LogRecord> records_;
+};
+
+}  // namespace test
+}  // namespace tavik
+
+#endif  // TAVIK_TESTS_SUPPORT_TESTSUPPORT_H_
