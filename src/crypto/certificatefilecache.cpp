@@ -14,6 +14,7 @@
 
 #include "base/configurationinit.h"
 #include "base/environment.h"
+#include "base/filecontents.h"
 #include "base/stringutil.h"
 #include "log/log.h"
 
@@ -259,6 +260,66 @@ std::string CertFileCache::getFileBaseName(const std::string& id) const {
   return found == index_.end() ? std::string() : found->second;
 }
 
+bool CertFileCache::renameFile(const std::string& baseName, const char* extension,
+                               const std::string& newBaseName, const char* newExtension,
+                               bool allowMissing) const {
+  const fs::path source = filePath(store_.getRoot(), baseName, extension);
+  boost::system::error_code error;
+  if (allowMissing && !entryExists(source, error)) return true;
+  const fs::path target = filePath(store_.getRoot(), newBaseName, newExtension);
+  fs::rename(source, target, error);
+  if (error) {
+    TAVIK_LOG_ERROR(logHandle) << "An error occurred when renaming " << source << " to "
+                               << newBaseName << newExtension << ": " << error;
+    return false;
+  }
+  return true;
+}
+
+int CertFileCache::renameCert(const std::string& baseName, const std::string& newBaseName) {
+  if (!renameFile(baseName, kCertExtension, newBaseName, kCertExtension, false)) return kFailed;
+  if (!renameFile(baseName, kKeyExtension, newBaseName, kKeyExtension, true)) {
+    // A certificate without its key is no use: put the certificate back.
+    renameFile(newBaseName, kCertExtension, baseName, kCertExtension, false);
+    return kKeyNotRenamed;
+  }
+  // A pending request's key is worth keeping but does not decide the outcome.
+  renameFile(baseName, kTempKeyExtension, newBaseName, kTempKeyExtension, true);
+  TAVIK_LOG_INFO(logHandle) << "Certificate in file (" << baseName
+                            << ") has been renamed in file store to: " << newBaseName;
+  return kDone;
+}
+
+int CertFileCache::removeCert(const std::string& id) {
+  const auto found = index_.find(id);
+  if (found == index_.end()) return kUnknownId;
+  const std::string& baseName = found->second;
+  // One error code for every call, so each message shows what its own call left.
+  boost::system::error_code error;
+
+  const fs::path certPath = filePath(store_.getRoot(), baseName, kCertExtension);
+  if (!fs::remove(certPath, error)) {
+    TAVIK_LOG_WARNING(logHandle) << "Error " << error << " removing cert (" << id
+                                 << ") from cert store: " << certPath;
+    return kFailed;
+  }
+  const fs::path keyPath = filePath(store_.getRoot(), baseName, kKeyExtension);
+  if (entryExists(keyPath, error) && !fs::remove(keyPath, error)) {
+    TAVIK_LOG_WARNING(logHandle) << "Error " << error << " removing key file (" << id
+                                 << ") from cert store: " << keyPath;
+    return kKeyNotRemoved;
+  }
+  const fs::path tempKeyPath = filePath(store_.getRoot(), baseName, kTempKeyExtension);
+  if (entryExists(tempKeyPath, error) && !fs::remove(tempKeyPath, error)) {
+    TAVIK_LOG_WARNING(logHandle) << "Error " << error << " removing temp key file (" << id
+                                 << ") from cert store: " << tempKeyPath;
+  }
+  TAVIK_LOG_INFO(logHandle) << "Certificate (" << id
+                            << ") has been removed from store: " << certPath;
+  index_.erase(found);
+  return kDone;
+}
+
 int CertFileCache::writeCert(const fs::path& file, X509* cert) {
   BioPtr bio(BIO_new_file(file.string().c_str(), "w"));
   if (!bio) {
@@ -427,6 +488,44 @@ int CertFileCache::cleanupCsr(const std::string& subject, const std::string& ema
   TAVIK_LOG_ERROR(logHandle) << "Error (" << error
                              << ") deleting temporary private key file: " << tempKeyPath;
   return kTempKeyNotRemoved;
+}
+
+int CertFileCache::saveCert(const std::string& id, const std::string& certBase64, bool overwrite) {
+  std::shared_ptr<Certificate> certificate = Certificate::createFromBase64(certBase64);
+  if (!certificate) {
+    TAVIK_LOG_ERROR(logHandle) << "Can't save certificate to file. Not a valid certificate: " << id;
+    return kFailed;
+  }
+  const std::string certificateId = filter_->certificateId(certificate);
+  const std::string baseName = subjectToFilename(id, certificateId);
+  if (baseName.empty()) {
+    TAVIK_LOG_ERROR(logHandle) << "Can't save certificate to file. Invalid ID: "
+                               << (id.empty() ? certificateId : id);
+    return kEmptyBaseName;
+  }
+  const fs::path certPath = filePath(store_.getRoot(), baseName, kCertExtension);
+  boost::system::error_code error;
+  if (!overwrite && entryExists(certPath, error)) return kExists;
+  // An installed certificate that this one replaces comes back if the new key
+  // cannot be put in place: its own key is still there.
+  std::string replaced;
+  const bool replacing = withPrivateKeys_ && overwrite &&
+                         readSmallRegularFile(certPath.string(), kMaxCredentialFileSize, replaced);
+  if (!certificate->saveToFile(certPath.string())) {
+    TAVIK_LOG_ERROR(logHandle) << "Can't save certificate: " << certPath;
+    return kFailed;
+  }
+  if (withPrivateKeys_) {
+    if (!renameFile(baseName, kTempKeyExtension, baseName, kKeyExtension, false)) {
+      // A certificate whose key never arrived must not look installed.
+      if (!replacing || !writeWholeFile(certPath.string(), replaced)) fs::remove(certPath, error);
+      return kKeyNotPromoted;
+    }
+    TAVIK_LOG_TRACE(logHandle) << "Temporary private key file for " << certPath
+                               << " was renamed successflly";
+  }
+  TAVIK_LOG_TRACE(logHandle) << "Cert was written: " << certPath;
+  return kDone;
 }
 
 CertReq::CertReq(const std::string& email, std::string& csr, int /*keyBits*/) : generated(false) {
