@@ -3,6 +3,7 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
+#include <cstdio>
 #include <utility>
 
 #include "base/certificateparser.h"
@@ -56,8 +57,11 @@ std::shared_ptr<Certificate> Certificate::fromDer(std::string der, bool decodeWh
   if (decodeWholeNow) {
     X509Ptr x509 = decodeWhole(der);
     if (!x509) return nullptr;
-    CertificateIdentity identity = readCertificateIdentity(X509_get_subject_name(x509.get()),
-                                                           X509_get0_extensions(x509.get()));
+    CertificateIdentity identity;
+    if (!readCertificateIdentity(X509_get_subject_name(x509.get()),
+                                 X509_get0_extensions(x509.get()), identity)) {
+      return nullptr;
+    }
     return std::shared_ptr<Certificate>(
         new Certificate(std::move(der), std::move(x509), std::move(identity)));
   }
@@ -75,7 +79,8 @@ std::shared_ptr<Certificate> Certificate::fromDer(std::string der, bool decodeWh
         d2i_X509_EXTENSIONS(nullptr, &cursor, static_cast<long>(layout.extensionsLength)));
     if (!extensions) return nullptr;
   }
-  CertificateIdentity identity = readCertificateIdentity(subject.get(), extensions.get());
+  CertificateIdentity identity;
+  if (!readCertificateIdentity(subject.get(), extensions.get(), identity)) return nullptr;
   return std::shared_ptr<Certificate>(
       new Certificate(std::move(der), X509Ptr(), std::move(identity)));
 }
@@ -119,11 +124,24 @@ std::shared_ptr<Certificate> Certificate::createFromBase64(std::string text) {
 }
 
 bool Certificate::saveToFile(std::string path) {
-  BioPtr bio(BIO_new_file(path.c_str(), "w"));
-  const bool written = bio && PEM_write_bio(bio.get(), PEM_STRING_X509, "",
-                                            reinterpret_cast<const unsigned char*>(der_.data()),
-                                            static_cast<long>(der_.size())) > 0;
-  if (!written) ERR_clear_error();
+  // Opened here rather than by BIO_new_file, which may create or empty the
+  // file and then fail for want of memory: a file this call has emptied is
+  // taken away again when the certificate does not get into it, so that no
+  // empty or cut-off certificate file stays behind.
+  std::FILE* file = std::fopen(path.c_str(), "w");
+  if (file == nullptr) return false;
+  BioPtr bio(BIO_new_fp(file, BIO_CLOSE));
+  if (!bio) std::fclose(file);
+  const bool written = bio &&
+                       PEM_write_bio(bio.get(), PEM_STRING_X509, "",
+                                     reinterpret_cast<const unsigned char*>(der_.data()),
+                                     static_cast<long>(der_.size())) > 0 &&
+                       BIO_flush(bio.get()) == 1;
+  bio.reset();
+  if (!written) {
+    ERR_clear_error();
+    std::remove(path.c_str());
+  }
   return written;
 }
 

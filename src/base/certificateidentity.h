@@ -20,9 +20,12 @@ struct CertificateIdentity {
 };
 
 // Reads the identity from a subject name and an extension list (null when the
-// certificate has none). Both are borrowed.
-CertificateIdentity readCertificateIdentity(const X509_NAME* subject,
-                                            const STACK_OF(X509_EXTENSION) * extensions);
+// certificate has none). Both are borrowed. False when a part that is there
+// cannot be read (an extension that does not decode or occurs twice, a string
+// that does not convert, no memory): a certificate whose identity is read only
+// in part could pass the wrong filter or stand under the wrong identifier.
+bool readCertificateIdentity(const X509_NAME* subject, const STACK_OF(X509_EXTENSION) * extensions,
+                             CertificateIdentity& identity);
 
 }  // namespace tavik
 
