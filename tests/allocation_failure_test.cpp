@@ -1,0 +1,698 @@
+// Every public operation of CertFileCache and CertReq with one OpenSSL
+// allocation made to fail, for every allocation the operation makes up to a
+// few hundred and an even sample beyond. Whatever fails, the operation must not
+// crash or leak (LeakSanitizer checks at exit in the sanitizer build), must
+// give one of the results it may give, must leave on disk only what its
+// failure path leaves, and must leave the index as it was.
+//
+// Runs in a program of its own: the failing allocator has to be installed
+// before OpenSSL allocates anything. TAVIK_FAULT_SECONDS sets the time budget
+// of the sample beyond the first few hundred, per operation (default 20).
+#include <openssl/pem.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
+#include <boost/filesystem.hpp>
+#include <boost/make_shared.hpp>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "crypto/certificatefilecache.h"
+#include "log/log.h"
+#include "support/failingallocator.h"
+#include "support/testsupport.h"
+
+namespace tavik {
+namespace {
+
+namespace fs = boost::filesystem;
+namespace allocator = test::failingallocator;
+
+using ::testing::AnyOf;
+using ::testing::Eq;
+
+const std::string kPassword = "alloc-test-password";
+constexpr long kEveryFaultUpTo = 300;
+
+// Relative path to content ("<dir>" for a directory) of everything below a directory.
+using Snapshot = std::map<std::string, std::string>;
+
+Snapshot snapshot(const std::string& dir) {
+  Snapshot files;
+  if (!fs::exists(dir)) return files;
+  for (fs::recursive_directory_iterator it(dir), end; it != end; ++it) {
+    const std::string relative = fs::relative(it->path(), dir).string();
+    files[relative] =
+        fs::is_directory(it->symlink_status()) ? "<dir>" : test::readFile(it->path().string());
+  }
+  return files;
+}
+
+std::string userPem(const std::string& email, int key, bool authority = false) {
+  test::CertOptions options;
+  options.commonName = "User " + email;
+  options.email = email;
+  options.key = test::testKey(key);
+  options.authority = authority;
+  return test::toPem(test::makeCertificate(options).get());
+}
+
+// The material of the stores, made once before anything is counted.
+struct Material {
+  std::string certA = userPem("a@example.org", 0);
+  std::string certB = userPem("b@example.org", 1);
+  std::string certC = userPem("c@example.org", 0);
+  std::string certE = userPem("e@example.org", 1);
+  std::string certR = userPem("r@example.org", 2);
+  std::string authority = userPem("ca@example.org", 0, true);
+  std::string keyA = test::encryptedKeyPem(test::testKey(0), kPassword);
+  std::string keyB = test::encryptedKeyPem(test::testKey(1), kPassword);
+  std::string keyR = test::encryptedKeyPem(test::testKey(2), kPassword);
+};
+
+const Material& material() {
+  static const Material made;
+  return made;
+}
+
+// One operation's world: a store on disk and, once prepared, a cache over it.
+struct Scene {
+  test::TempDir dir;
+  std::string root = dir / "root";
+  std::string userDir = root + "/user";
+  CertificateStore store{root, {root}};
+  boost::shared_ptr<CertificateFilter> filter = boost::make_shared<UserCertificateFilter>();
+  std::unique_ptr<CertFileCache> cache;
+  std::string csr = "untouched";
+  std::unique_ptr<CertReq> request;
+  std::shared_ptr<Certificate> found;
+
+  std::string file(const std::string& name) const { return userDir + "/" + name; }
+
+  // a and b with keys; c and e_at_example.org without; a broken file; an authority.
+  void writeStore() {
+    const Material& m = material();
+    test::makeDirectories(userDir);
+    test::writeFile(file("a.crt"), m.certA);
+    test::writeFile(file("a.key"), m.keyA);
+    test::writeFile(file("b.crt"), m.certB);
+    test::writeFile(file("b.key"), m.keyB);
+    test::writeFile(file("c.crt"), m.certC);
+    test::writeFile(file("e_at_example.org.crt"), m.certE);
+    test::writeFile(file("bad.crt"), "-----BEGIN CERTIFICATE-----\nAAAA\n");
+    test::writeFile(file("ca.crt"), m.authority);
+  }
+
+  void makeCache(bool withKeys) {
+    cache = std::make_unique<CertFileCache>(store, filter, withKeys);
+  }
+
+  std::vector<std::string> ids() const {
+    std::vector<std::string> list;
+    if (cache) cache->listIds(list);
+    return list;
+  }
+};
+
+const std::vector<std::string> kKeyIds = {"a@example.org", "b@example.org"};
+const std::vector<std::string> kPlainIds = {"a", "b", "c", "e_at_example.org"};
+
+bool subsetOf(const std::vector<std::string>& part, const std::vector<std::string>& whole) {
+  return std::all_of(part.begin(), part.end(), [&](const std::string& id) {
+    return std::find(whole.begin(), whole.end(), id) != whole.end();
+  });
+}
+
+// What a run leaves for its checks.
+struct Outcome {
+  int result;
+  bool injected;    // the chosen allocation was reached and failed
+  Snapshot before;  // the store before the call
+  std::vector<std::string> idsBefore;
+};
+
+struct Operation {
+  std::string name;
+  std::function<void(Scene&)> prepare;  // not counted
+  std::function<int(Scene&)> call;      // counted; returns the operation's result
+  std::function<void(Scene&, const Outcome&)> check;
+};
+
+// A key decrypted from the file at `path` with the test password; empty when it cannot be.
+PkeyHandle readKey(const std::string& path) {
+  const std::string pem = test::readFile(path);
+  BioPtr bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+  return PkeyHandle(
+      PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, const_cast<char*>(kPassword.c_str())));
+}
+
+// The pair of `id` can be read back by a new cache over the scene's store.
+void expectLoadable(Scene& scene, const std::string& id) {
+  CertFileCache fresh(scene.store, scene.filter, true);
+  int errorCode = -1;
+  std::shared_ptr<Certificate> certificate = fresh.getCertificate(id, kPassword, errorCode, true);
+  EXPECT_TRUE(certificate != nullptr) << id << " is not readable after success: " << errorCode;
+}
+
+// What differs between two snapshots, one line per file; "" when nothing.
+std::string changes(const Snapshot& before, const Snapshot& after) {
+  std::string text;
+  for (const auto& entry : before) {
+    const auto found = after.find(entry.first);
+    if (found == after.end()) {
+      text += "removed " + entry.first + "\n";
+    } else if (found->second != entry.second) {
+      text +=
+          "changed " + entry.first + " (" + std::to_string(found->second.size()) + " bytes now)\n";
+    }
+  }
+  for (const auto& entry : after) {
+    if (before.count(entry.first) == 0) {
+      text += "added " + entry.first + " (" + std::to_string(entry.second.size()) + " bytes)\n";
+    }
+  }
+  return text;
+}
+
+void expectUnchanged(const Scene& scene, const Outcome& run) {
+  EXPECT_EQ(changes(run.before, snapshot(scene.root)), "");
+}
+
+void expectIndexUnchanged(const Scene& scene, const Outcome& run) {
+  EXPECT_EQ(scene.ids(), run.idsBefore) << "index changed";
+}
+
+// The store as it was, apart from the files named.
+void expectUnchangedBut(const Scene& scene, const Outcome& run,
+                        const std::set<std::string>& names) {
+  Snapshot after = snapshot(scene.root);
+  Snapshot before = run.before;
+  for (const std::string& name : names) {
+    after.erase("user/" + name);
+    before.erase("user/" + name);
+  }
+  EXPECT_EQ(changes(before, after), "") << "files other than those of the operation changed";
+}
+
+struct Figures {
+  long cleanCount = 0;
+  long everyUpTo = 0;
+  long sampled = 0;
+  long sampledUpTo = 0;
+  long injected = 0;
+  double seconds = 0;
+};
+
+double budgetSeconds() {
+  const char* text = std::getenv("TAVIK_FAULT_SECONDS");
+  return text != nullptr ? std::atof(text) : 20.0;
+}
+
+Outcome runOnce(const Operation& operation, long failAt) {
+  Scene scene;
+  operation.prepare(scene);
+  Outcome run{0, false, snapshot(scene.root), scene.ids()};
+  if (failAt > 0) {
+    allocator::failAllocation(failAt);
+  } else {
+    allocator::startCounting();
+  }
+  run.result = operation.call(scene);
+  allocator::stop();
+  run.injected = allocator::failureInjected();
+  operation.check(scene, run);
+  return run;
+}
+
+Figures sweep(const Operation& operation) {
+  const auto start = std::chrono::steady_clock::now();
+  Figures figures;
+  // Lazy initialisation inside OpenSSL happens in the first runs, not counted.
+  for (int i = 0; i < 2; ++i) runOnce(operation, 0);
+  {
+    Scene scene;
+    operation.prepare(scene);
+    allocator::startCounting();
+    operation.call(scene);
+    figures.cleanCount = allocator::stop();
+  }
+  const auto elapsed = [&start] {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  };
+
+  // Key generation makes the count vary from run to run: look a fifth beyond it.
+  const long reach = figures.cleanCount + figures.cleanCount / 5;
+  figures.everyUpTo = std::min(reach, kEveryFaultUpTo);
+  for (long k = 1; k <= figures.everyUpTo && !::testing::Test::HasFailure(); ++k) {
+    SCOPED_TRACE(operation.name + ", allocation " + std::to_string(k) + " failed");
+    if (runOnce(operation, k).injected) ++figures.injected;
+  }
+  if (reach > figures.everyUpTo && figures.everyUpTo > 0) {
+    const double perRun = elapsed() / static_cast<double>(figures.everyUpTo + 3);
+    const long affordable = static_cast<long>(budgetSeconds() / perRun);
+    const long remaining = reach - figures.everyUpTo;
+    const long samples = std::max(1L, std::min(remaining, affordable));
+    const long stride = std::max(1L, remaining / samples);
+    for (long k = figures.everyUpTo + stride; k <= reach && !::testing::Test::HasFailure();
+         k += stride) {
+      SCOPED_TRACE(operation.name + ", allocation " + std::to_string(k) + " failed");
+      if (runOnce(operation, k).injected) ++figures.injected;
+      ++figures.sampled;
+      figures.sampledUpTo = k;
+    }
+  }
+  // Nothing that failed on the way spoilt OpenSSL for the runs after it.
+  {
+    SCOPED_TRACE(operation.name + ", clean run after the sweep");
+    runOnce(operation, 0);
+  }
+  figures.seconds = elapsed();
+  std::cout << "[ FAULTS   ] " << operation.name << ": " << figures.cleanCount
+            << " OpenSSL allocations in a clean run; failed each of 1.." << figures.everyUpTo;
+  if (figures.sampled > 0) {
+    std::cout << " and " << figures.sampled << " sampled up to " << figures.sampledUpTo;
+  }
+  std::cout << "; " << figures.injected << " fault points injected in " << figures.seconds
+            << " s\n";
+  ::testing::Test::RecordProperty("fault_points", static_cast<int>(figures.injected));
+  return figures;
+}
+
+class AllocationFailureTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    // Every statement is built and dropped: building messages is part of each path.
+    LogFacility::setUp(true);
+    LogFacility::setLevels(LogMask::error | LogMask::warning | LogMask::info | LogMask::debug |
+                           LogMask::trace);
+    LogFacility::setSink([](const LogRecord&) {});
+    material();
+  }
+  static void TearDownTestSuite() {
+    LogFacility::setSink(nullptr);
+    LogFacility::setLevels(LogMask::error | LogMask::warning);
+  }
+  void SetUp() override { ASSERT_TRUE(allocator::installed()) << "OpenSSL allocated first"; }
+
+  // Runs the sweep and requires that failures were reached, for an operation
+  // that allocates through OpenSSL at all.
+  void expectFaultsInjected(const Operation& operation) {
+    const Figures figures = sweep(operation);
+    EXPECT_GT(figures.cleanCount, 0) << operation.name << " made no OpenSSL allocation";
+    EXPECT_GT(figures.injected, 0);
+  }
+};
+
+// ---- construction and lookup ----------------------------------------------
+
+TEST_F(AllocationFailureTest, ConstructionWithKeysSkipsWhatItCannotRead) {
+  expectFaultsInjected({"CertFileCache(store, filter, true)", [](Scene& s) { s.writeStore(); },
+                        [](Scene& s) {
+                          s.makeCache(true);
+                          return 0;
+                        },
+                        [](Scene& s, const Outcome& run) {
+                          expectUnchanged(s, run);
+                          if (run.injected) {
+                            EXPECT_TRUE(subsetOf(s.ids(), kKeyIds))
+                                << ::testing::PrintToString(s.ids());
+                          } else {
+                            EXPECT_EQ(s.ids(), kKeyIds);
+                          }
+                        }});
+}
+
+TEST_F(AllocationFailureTest, ConstructionWithoutKeysSkipsWhatItCannotRead) {
+  expectFaultsInjected({"CertFileCache(store, filter, false)", [](Scene& s) { s.writeStore(); },
+                        [](Scene& s) {
+                          s.makeCache(false);
+                          return 0;
+                        },
+                        [](Scene& s, const Outcome& run) {
+                          expectUnchanged(s, run);
+                          if (run.injected) {
+                            EXPECT_TRUE(subsetOf(s.ids(), kPlainIds))
+                                << ::testing::PrintToString(s.ids());
+                          } else {
+                            EXPECT_EQ(s.ids(), kPlainIds);
+                          }
+                        }});
+}
+
+TEST_F(AllocationFailureTest, LoadingAgainKeepsEveryEntry) {
+  expectFaultsInjected({"load()",
+                        [](Scene& s) {
+                          s.writeStore();
+                          s.makeCache(true);
+                          test::writeFile(s.file("r.crt"), material().certR);
+                          test::writeFile(s.file("r.key"), material().keyR);
+                        },
+                        [](Scene& s) {
+                          s.cache->load();
+                          return 0;
+                        },
+                        [](Scene& s, const Outcome& run) {
+                          expectUnchanged(s, run);
+                          std::vector<std::string> all = kKeyIds;
+                          all.push_back("r@example.org");
+                          std::sort(all.begin(), all.end());
+                          EXPECT_TRUE(subsetOf(run.idsBefore, s.ids()));
+                          EXPECT_TRUE(subsetOf(s.ids(), all));
+                          if (!run.injected) {
+                            EXPECT_EQ(s.ids(), all);
+                          }
+                        }});
+}
+
+TEST_F(AllocationFailureTest, LookupWithKeyFailsWithItsCode) {
+  expectFaultsInjected(
+      {"getCertificate (key-holding)",
+       [](Scene& s) {
+         s.writeStore();
+         s.makeCache(true);
+       },
+       [](Scene& s) {
+         int errorCode = -1;
+         s.found = s.cache->getCertificate("a@example.org", kPassword, errorCode, true);
+         return s.found ? 0 : errorCode;
+       },
+       [](Scene& s, const Outcome& run) {
+         expectUnchanged(s, run);
+         expectIndexUnchanged(s, run);
+         EXPECT_THAT(run.result, AnyOf(Eq(0), Eq(CertFileCache::kKeyUnreadable)));
+         if (!run.injected) {
+           EXPECT_EQ(run.result, 0);
+         }
+         if (run.result == 0) {
+           ASSERT_NE(s.found->getX509(), nullptr);
+           ASSERT_NE(s.found->getPrivateKey(), nullptr);
+           EXPECT_EQ(X509_check_private_key(s.found->getX509(), s.found->getPrivateKey()), 1);
+         }
+       }});
+}
+
+// loadFlag false defers decoding to getX509(), which may then give null.
+void lookupWithoutKeys(const std::string& name, bool loadFlag, bool only) {
+  const Operation operation{
+      name,
+      [](Scene& s) {
+        s.writeStore();
+        s.makeCache(false);
+      },
+      [loadFlag, only](Scene& s) {
+        int errorCode = -1;
+        s.found = only ? s.cache->getCertificateOnly("e@example.org", errorCode, loadFlag)
+                       : s.cache->getCertificate("a", "", errorCode, loadFlag);
+        if (!s.found) return errorCode;
+        return s.found->getX509() != nullptr ? 0 : -1;
+      },
+      [loadFlag](Scene& s, const Outcome& run) {
+        expectUnchanged(s, run);
+        expectIndexUnchanged(s, run);
+        if (loadFlag) {
+          EXPECT_THAT(run.result, AnyOf(Eq(0), Eq(CertFileCache::kCertUnreadable)));
+        } else {
+          EXPECT_THAT(run.result, AnyOf(Eq(0), Eq(-1), Eq(CertFileCache::kCertUnreadable)));
+        }
+        if (!run.injected) {
+          EXPECT_EQ(run.result, 0);
+        }
+      }};
+  const Figures figures = sweep(operation);
+  EXPECT_GT(figures.injected, 0);
+}
+
+TEST_F(AllocationFailureTest, LookupWithoutKeysFailsWithItsCode) {
+  lookupWithoutKeys("getCertificate (certificates only, loadFlag true)", true, false);
+  lookupWithoutKeys("getCertificate (certificates only, loadFlag false) + getX509", false, false);
+  lookupWithoutKeys("getCertificateOnly (certificates only)", true, true);
+}
+
+TEST_F(AllocationFailureTest, FileLookupsNeedNoOpenSslAllocation) {
+  // Reported for completeness: these reach OpenSSL not at all, so no fault
+  // can be injected, and the sweep checks that.
+  const Figures info = sweep({"getFileInfo",
+                              [](Scene& s) {
+                                s.writeStore();
+                                s.makeCache(true);
+                              },
+                              [](Scene& s) {
+                                std::string keyFile;
+                                std::string certFile;
+                                return s.cache->getFileInfo("a", keyFile, certFile);
+                              },
+                              [](Scene& s, const Outcome& run) {
+                                expectUnchanged(s, run);
+                                EXPECT_EQ(run.result, 0);
+                              }});
+  const Figures list = sweep({"listIds + getFileBaseName",
+                              [](Scene& s) {
+                                s.writeStore();
+                                s.makeCache(true);
+                              },
+                              [](Scene& s) {
+                                std::vector<std::string> ids;
+                                s.cache->listIds(ids);
+                                return s.cache->getFileBaseName(ids.front()) == "a" ? 0 : 1;
+                              },
+                              [](Scene& s, const Outcome& run) {
+                                expectIndexUnchanged(s, run);
+                                EXPECT_EQ(run.result, 0);
+                              }});
+  EXPECT_EQ(info.cleanCount + list.cleanCount, 0);
+}
+
+// ---- writers ---------------------------------------------------------------
+
+TEST_F(AllocationFailureTest, CertificateWriterFailsWithOne) {
+  static X509Ptr cert;
+  if (!cert) {
+    test::CertOptions options;
+    options.email = "w@example.org";
+    cert = test::makeCertificate(options);
+  }
+  expectFaultsInjected({"writeCert",
+                        [](Scene& s) {
+                          s.writeStore();
+                          s.makeCache(true);
+                        },
+                        [](Scene& s) { return s.cache->writeCert(s.file("w.crt"), cert.get()); },
+                        [](Scene& s, const Outcome& run) {
+                          expectIndexUnchanged(s, run);
+                          // A failed write may leave what it wrote so far.
+                          expectUnchangedBut(s, run, {"w.crt"});
+                          EXPECT_THAT(run.result, AnyOf(Eq(0), Eq(1)));
+                          if (!run.injected) {
+                            EXPECT_EQ(run.result, 0);
+                          }
+                          if (run.result == 0) {
+                            EXPECT_EQ(test::readFile(s.file("w.crt")), test::toPem(cert.get()));
+                          }
+                        }});
+}
+
+TEST_F(AllocationFailureTest, KeyWriterRemovesWhatItCouldNotWrite) {
+  expectFaultsInjected({"writePrivateKey",
+                        [](Scene& s) {
+                          s.writeStore();
+                          s.makeCache(true);
+                        },
+                        [](Scene& s) {
+                          return s.cache->writePrivateKey(s.file("w.key"), kPassword,
+                                                          test::testKey(2));
+                        },
+                        [](Scene& s, const Outcome& run) {
+                          expectIndexUnchanged(s, run);
+                          expectUnchangedBut(s, run, {"w.key"});
+                          EXPECT_THAT(run.result, AnyOf(Eq(0), Eq(1)));
+                          if (!run.injected) {
+                            EXPECT_EQ(run.result, 0);
+                          }
+                          if (run.result == 0) {
+                            PkeyHandle key = readKey(s.file("w.key"));
+                            ASSERT_TRUE(key);
+                            EXPECT_EQ(EVP_PKEY_eq(key.get(), test::testKey(2)), 1);
+                          } else {
+                            // BIO_new_file creates the file before it can fail for want of
+                            // memory, and the writer leaves that empty file; nothing
+                            // written into it may stay.
+                            EXPECT_TRUE(!test::fileExists(s.file("w.key")) ||
+                                        test::readFile(s.file("w.key")).empty());
+                          }
+                        }});
+}
+
+// ---- credential creation ---------------------------------------------------
+
+TEST_F(AllocationFailureTest, SelfSignedPairIsWholeOrAbsent) {
+  expectFaultsInjected(
+      {"createSelfSignedKeyPair",
+       [](Scene& s) {
+         s.writeStore();
+         s.makeCache(true);
+       },
+       [](Scene& s) { return s.cache->createSelfSignedKeyPair("", "s@example.org", kPassword, 0); },
+       [](Scene& s, const Outcome& run) {
+         expectIndexUnchanged(s, run);
+         EXPECT_THAT(run.result, AnyOf(Eq(0), Eq(1)));
+         if (!run.injected) {
+           EXPECT_EQ(run.result, 0);
+         }
+         if (run.result == 0) {
+           expectUnchangedBut(s, run, {"s_at_example.org.key", "s_at_example.org.crt"});
+           expectLoadable(s, "s@example.org");
+         } else {
+           expectUnchanged(s, run);
+         }
+       }});
+}
+
+TEST_F(AllocationFailureTest, RequestLeavesAPendingKeyOrNothing) {
+  expectFaultsInjected(
+      {"createCsr",
+       [](Scene& s) {
+         s.writeStore();
+         s.makeCache(true);
+       },
+       [](Scene& s) { return s.cache->createCsr("", "r@example.org", kPassword, 0, s.csr); },
+       [](Scene& s, const Outcome& run) {
+         expectIndexUnchanged(s, run);
+         EXPECT_THAT(run.result, AnyOf(Eq(0), Eq(1)));
+         if (!run.injected) {
+           EXPECT_EQ(run.result, 0);
+         }
+         if (run.result != 0) {
+           expectUnchanged(s, run);
+           return;
+         }
+         expectUnchangedBut(s, run, {"r_at_example.org.tpk"});
+         PkeyHandle key = readKey(s.file("r_at_example.org.tpk"));
+         ASSERT_TRUE(key);
+         BioPtr bio(BIO_new_mem_buf(s.csr.data(), static_cast<int>(s.csr.size())));
+         X509ReqPtr request(PEM_read_bio_X509_REQ(bio.get(), nullptr, nullptr, nullptr));
+         ASSERT_TRUE(request);
+         EXPECT_EQ(X509_REQ_verify(request.get(), key.get()), 1);
+       }});
+}
+
+TEST_F(AllocationFailureTest, RequestBuilderKeepsTheTextUnlessItSucceeds) {
+  expectFaultsInjected({"CertReq", [](Scene&) {},
+                        [](Scene& s) {
+                          s.request = std::make_unique<CertReq>("r@example.org", s.csr, 1024);
+                          return s.request->generated ? 0 : 1;
+                        },
+                        [](Scene& s, const Outcome& run) {
+                          if (!run.injected) {
+                            EXPECT_EQ(run.result, 0);
+                          }
+                          if (run.result != 0) {
+                            EXPECT_EQ(s.csr, "untouched");
+                            return;
+                          }
+                          ASSERT_TRUE(s.request->pkey);
+                          BioPtr bio(BIO_new_mem_buf(s.csr.data(), static_cast<int>(s.csr.size())));
+                          X509ReqPtr request(
+                              PEM_read_bio_X509_REQ(bio.get(), nullptr, nullptr, nullptr));
+                          ASSERT_TRUE(request);
+                          EXPECT_EQ(X509_REQ_verify(request.get(), s.request->pkey.get()), 1);
+                        }});
+}
+
+// ---- installing ------------------------------------------------------------
+
+void pendingRequest(Scene& s, bool withKeys) {
+  s.writeStore();
+  test::writeFile(s.file("r_at_example.org.tpk"), material().keyR);
+  s.makeCache(withKeys);
+}
+
+TEST_F(AllocationFailureTest, InstallingIsWholeOrLeavesTheRequestPending) {
+  expectFaultsInjected(
+      {"saveCert (key-holding, pending request)", [](Scene& s) { pendingRequest(s, true); },
+       [](Scene& s) { return s.cache->saveCert("", material().certR, false); },
+       [](Scene& s, const Outcome& run) {
+         expectIndexUnchanged(s, run);
+         EXPECT_THAT(run.result, AnyOf(Eq(0), Eq(1)));
+         if (!run.injected) {
+           EXPECT_EQ(run.result, 0);
+         }
+         if (run.result == 0) {
+           expectUnchangedBut(
+               s, run, {"r_at_example.org.crt", "r_at_example.org.key", "r_at_example.org.tpk"});
+           EXPECT_FALSE(test::fileExists(s.file("r_at_example.org.tpk")));
+           expectLoadable(s, "r@example.org");
+         } else {
+           expectUnchanged(s, run);
+         }
+       }});
+}
+
+TEST_F(AllocationFailureTest, InstallingWithoutKeysWritesTheCertificateOrNothing) {
+  expectFaultsInjected({"saveCert (certificates only)", [](Scene& s) { pendingRequest(s, false); },
+                        [](Scene& s) { return s.cache->saveCert("", material().certR, false); },
+                        [](Scene& s, const Outcome& run) {
+                          expectIndexUnchanged(s, run);
+                          EXPECT_THAT(run.result, AnyOf(Eq(0), Eq(1)));
+                          if (!run.injected) {
+                            EXPECT_EQ(run.result, 0);
+                          }
+                          if (run.result == 0) {
+                            expectUnchangedBut(s, run, {"r_at_example.org.crt"});
+                            EXPECT_EQ(test::readFile(s.file("r_at_example.org.crt")),
+                                      material().certR);
+                          } else {
+                            expectUnchanged(s, run);
+                          }
+                        }});
+}
+
+// ---- file operations that do not reach OpenSSL -----------------------------
+
+TEST_F(AllocationFailureTest, FileOperationsNeedNoOpenSslAllocation) {
+  long total = 0;
+  total += sweep({"cleanupCsr", [](Scene& s) { pendingRequest(s, true); },
+                  [](Scene& s) { return s.cache->cleanupCsr("", "r@example.org"); },
+                  [](Scene& s, const Outcome& run) {
+                    EXPECT_EQ(run.result, 0);
+                    expectUnchangedBut(s, run, {"r_at_example.org.tpk"});
+                    EXPECT_FALSE(test::fileExists(s.file("r_at_example.org.tpk")));
+                  }})
+               .cleanCount;
+  total +=
+      sweep({"renameCert",
+             [](Scene& s) {
+               s.writeStore();
+               s.makeCache(true);
+             },
+             [](Scene& s) { return s.cache->renameCert("a", "z"); },
+             [](Scene& s, const Outcome& run) {
+               EXPECT_EQ(run.result, 0);
+               expectIndexUnchanged(s, run);
+               EXPECT_TRUE(test::fileExists(s.file("z.crt")) && test::fileExists(s.file("z.key")));
+             }})
+          .cleanCount;
+  total += sweep({"removeCert",
+                  [](Scene& s) {
+                    s.writeStore();
+                    s.makeCache(true);
+                  },
+                  [](Scene& s) { return s.cache->removeCert("a@example.org"); },
+                  [](Scene& s, const Outcome& run) {
+                    EXPECT_EQ(run.result, 0);
+                    expectUnchangedBut(s, run, {"a.crt", "a.key"});
+                    EXPECT_FALSE(test::fileExists(s.file("a.crt")));
+                    EXPECT_EQ(s.ids(), std::vector<std::string>{"b@example.org"});
+                  }})
+               .cleanCount;
+  EXPECT_EQ(total, 0);
+}
+
+}  // namespace
+}  // namespace tavik
