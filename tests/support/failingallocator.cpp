@@ -1,8 +1,13 @@
 #include "support/failingallocator.h"
 
+#include <dlfcn.h>
+#include <execinfo.h>
 #include <openssl/crypto.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <string>
 
 namespace tavik {
 namespace test {
@@ -15,24 +20,68 @@ bool counting = false;
 long counted = 0;
 long failAt = 0;  // 0: never
 bool injected = false;
+bool spared = false;
+std::string site;
 bool installedFirst = false;
 
+// Allocations that libcrypto itself cannot fail safely: OpenSSL 3.0's
+// ASN1_item_sign_ctx decodes the signature algorithm into the certificate's
+// or request's embedded X509_ALGOR, and when that decoding runs out of memory
+// ASN1_item_d2i_ex frees the embedded structure, a pointer that malloc never
+// gave (an invalid free, in X509_sign and X509_REQ_sign alike). A fault whose
+// allocation has both functions on its stack is not injected.
+struct KnownDefect {
+  const char* inner;
+  const char* outer;
+};
+constexpr KnownDefect kKnownDefects[] = {{"ASN1_item_d2i_ex", "ASN1_item_sign_ctx"}};
+
+bool stackHolds(void* const* frames, int count, const char* function) {
+  for (int i = 0; i < count; ++i) {
+    Dl_info info{};
+    if (::dladdr(frames[i], &info) != 0 && info.dli_sname != nullptr &&
+        std::strcmp(info.dli_sname, function) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+bool inKnownDefect() {
+  void* frames[64];
+  const int count = ::backtrace(frames, 64);
+  for (const KnownDefect& defect : kKnownDefects) {
+    if (stackHolds(frames, count, defect.inner) && stackHolds(frames, count, defect.outer)) {
+      return true;
+    }
+  }
+  return false;
+}
+
 // True when this allocation is the one to fail.
-bool countAndDecide() {
+bool countAndDecide(const char* file, int line) {
   if (!counting) return false;
   ++counted;
   if (counted != failAt) return false;
+  site = std::string(file != nullptr ? file : "?") + ":" + std::to_string(line);
+  if (inKnownDefect()) {
+    spared = true;
+    return false;
+  }
   injected = true;
+  if (std::getenv("TAVIK_FAULT_TRACE") != nullptr) {
+    std::fprintf(stderr, "failing allocation %ld at %s\n", counted, site.c_str());
+  }
   return true;
 }
 
-void* countingMalloc(size_t size, const char* /*file*/, int /*line*/) {
-  return countAndDecide() ? nullptr : std::malloc(size);
+void* countingMalloc(size_t size, const char* file, int line) {
+  return countAndDecide(file, line) ? nullptr : std::malloc(size);
 }
 
 // A failing realloc leaves the block as it was, as the C library's does.
-void* countingRealloc(void* block, size_t size, const char* /*file*/, int /*line*/) {
-  return countAndDecide() ? nullptr : std::realloc(block, size);
+void* countingRealloc(void* block, size_t size, const char* file, int line) {
+  return countAndDecide(file, line) ? nullptr : std::realloc(block, size);
 }
 
 void plainFree(void* block, const char* /*file*/, int /*line*/) { std::free(block); }
@@ -51,6 +100,8 @@ void startCounting() {
   counted = 0;
   failAt = 0;
   injected = false;
+  spared = false;
+  site.clear();
   counting = true;
 }
 
@@ -66,6 +117,10 @@ long stop() {
 }
 
 bool failureInjected() { return injected; }
+
+bool failureSpared() { return spared; }
+
+const std::string& failureSite() { return site; }
 
 }  // namespace failingallocator
 }  // namespace test
