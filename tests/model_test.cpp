@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <openssl/pem.h>
 
-#include <boost/make_shared.hpp>
 #include <map>
 #include <optional>
 #include <random>
@@ -36,12 +35,11 @@ struct Files {
   bool empty() const { return !crt && !key && !tpk; }
 };
 
-class ModelTest : public test::LogCaptureTest {
+class ModelTest : public test::StoreTest {
  protected:
   void SetUp() override {
-    LogCaptureTest::SetUp();
-    test::makeDirectories(userDir_);
-    cache_ = std::make_unique<CertFileCache>(store_, filter_, true);
+    StoreTest::SetUp();
+    cache_ = makeCache(true);
   }
 
   // ---- the steps ----------------------------------------------------------
@@ -213,7 +211,7 @@ class ModelTest : public test::LogCaptureTest {
       if (entry.second.tpk) expected.push_back(entry.first + ".tpk");
     }
     std::sort(expected.begin(), expected.end());
-    ASSERT_EQ(test::listTree(userDir_), expected);
+    ASSERT_EQ(files(), expected);
     std::vector<std::string> ids;
     cache_->listIds(ids);
     std::vector<std::string> modelIds;
@@ -306,11 +304,6 @@ class ModelTest : public test::LogCaptureTest {
     return entry->first;
   }
 
-  test::TempDir dir_;
-  const std::string root_ = dir_ / "root";
-  const std::string userDir_ = root_ + "/user";
-  CertificateStore store_{root_, {root_}};
-  boost::shared_ptr<CertificateFilter> filter_ = boost::make_shared<UserCertificateFilter>();
   std::unique_ptr<CertFileCache> cache_;
 
   std::map<std::string, Files> files_;        // base name -> its files

@@ -1,14 +1,12 @@
 // The cache over a file system that refuses: unreadable certificate and key
-// files, a cache directory that cannot be written, files that cannot be
-// removed or renamed, and the access mode of new key files. Root passes every
+// files, a cache directory that cannot be listed or written, files that
+// cannot be removed or renamed, and the access mode of new key files. Root passes every
 // permission check, so these tests skip as root and run_unprivileged.sh runs
 // them again as an unprivileged user: the EACCES paths are real.
 #include <gtest/gtest.h>
 #include <openssl/pem.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <boost/make_shared.hpp>
 
 #include "crypto/certificatefilecache.h"
 #include "support/testsupport.h"
@@ -21,22 +19,11 @@ using ::testing::IsEmpty;
 
 const std::string kPassword = "refusing-fs-password";
 
-class RefusingFileSystemUnprivilegedTest : public test::LogCaptureTest {
+class RefusingFileSystemUnprivilegedTest : public test::StoreTest {
  protected:
   void SetUp() override {
     if (::geteuid() == 0) GTEST_SKIP() << "runs as an unprivileged user";
-    LogCaptureTest::SetUp();
-    test::makeDirectories(userDir_);
-  }
-
-  std::string file(const std::string& name) const { return userDir_ + "/" + name; }
-  std::string quoted(const std::string& name) const { return "\"" + file(name) + "\""; }
-  std::vector<std::string> files() const { return test::listTree(userDir_); }
-
-  std::unique_ptr<CertFileCache> makeCache(bool withKeys) {
-    auto cache = std::make_unique<CertFileCache>(store_, filter_, withKeys);
-    clearLog();
-    return cache;
+    StoreTest::SetUp();
   }
 
   // The cache directory refuses new entries, renames and removals.
@@ -55,12 +42,6 @@ class RefusingFileSystemUnprivilegedTest : public test::LogCaptureTest {
     EXPECT_EQ(::stat(path.c_str(), &info), 0) << path;
     return info.st_mode & 07777;
   }
-
-  test::TempDir dir_;
-  const std::string root_ = dir_ / "root";
-  const std::string userDir_ = root_ + "/user";
-  CertificateStore store_{root_, {root_}};
-  boost::shared_ptr<CertificateFilter> filter_ = boost::make_shared<UserCertificateFilter>();
 };
 
 TEST_F(RefusingFileSystemUnprivilegedTest, UnreadableFilesFailLookupsWithTheirCodes) {
@@ -146,20 +127,6 @@ TEST_F(RefusingFileSystemUnprivilegedTest, LockedFilesAreNeitherRenamedNorRemove
   EXPECT_THAT(messages(LogMask::warning),
               ElementsAre("Error system:13 removing cert (a@example.org) from cert store: " +
                           quoted("a.crt")));
-}
-
-TEST_F(RefusingFileSystemUnprivilegedTest, KeyThatCannotFollowPutsTheCertificateBack) {
-  // The certificate may move; the key may not, for a directory of its new
-  // name that is not empty stands in the way.
-  test::writeUserPair(userDir_, "a", "a@example.org", kPassword);
-  test::makeDirectories(file("b.key/occupied"));
-  auto cache = makeCache(true);
-
-  EXPECT_EQ(cache->renameCert("a", "b"), CertFileCache::kKeyNotRenamed);
-
-  EXPECT_TRUE(test::fileExists(file("a.crt")));
-  EXPECT_TRUE(test::fileExists(file("a.key")));
-  EXPECT_FALSE(test::fileExists(file("b.crt")));
 }
 
 TEST_F(RefusingFileSystemUnprivilegedTest, NewKeyFilesAreForTheirOwnerOnly) {

@@ -6,7 +6,6 @@
 #include <openssl/pem.h>
 
 #include <boost/filesystem.hpp>
-#include <boost/make_shared.hpp>
 
 #include "crypto/certificatefilecache.h"
 #include "support/testsupport.h"
@@ -21,15 +20,8 @@ namespace fs = boost::filesystem;
 const std::string kPassword = "Pw-7f3a9c-distinctive";
 const std::string kOtherPassword = std::string("Nul\0After-5e1d", 14);
 
-class SecretLeakTest : public test::LogCaptureTest {
+class SecretLeakTest : public test::StoreTest {
  protected:
-  void SetUp() override {
-    LogCaptureTest::SetUp();
-    test::makeDirectories(userDir_);
-  }
-
-  std::string file(const std::string& name) const { return userDir_ + "/" + name; }
-
   // Reports what in `text` gives a secret away; "" when nothing.
   static std::string leaks(const std::string& text) {
     std::string found;
@@ -98,11 +90,6 @@ class SecretLeakTest : public test::LogCaptureTest {
     return test::toPem(test::makeCertificate(options).get());
   }
 
-  test::TempDir dir_;
-  const std::string root_ = dir_ / "root";
-  const std::string userDir_ = root_ + "/user";
-  CertificateStore store_{root_, {root_}};
-  boost::shared_ptr<CertificateFilter> filter_ = boost::make_shared<UserCertificateFilter>();
   std::vector<std::string> requests_;
 };
 
