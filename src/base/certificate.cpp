@@ -54,6 +54,13 @@ Certificate::Certificate(std::string der, X509Ptr x509, CertificateIdentity iden
 Certificate::~Certificate() = default;
 
 std::shared_ptr<Certificate> Certificate::fromDer(std::string der, bool decodeWholeNow) {
+  // Both ways of reading hold a certificate to the same standard: OpenSSL's
+  // decoder takes some encodings that are not DER (a primitive SEQUENCE, for
+  // one), and a certificate installed from such text would be written to the
+  // store and then refused by every scan that reads it lazily.
+  CertificateLayout layout;
+  const auto* bytes = reinterpret_cast<const unsigned char*>(der.data());
+  if (!parseCertificateLayout(bytes, der.size(), layout)) return nullptr;
   if (decodeWholeNow) {
     X509Ptr x509 = decodeWhole(der);
     if (!x509) return nullptr;
@@ -66,9 +73,6 @@ std::shared_ptr<Certificate> Certificate::fromDer(std::string der, bool decodeWh
         new Certificate(std::move(der), std::move(x509), std::move(identity)));
   }
 
-  CertificateLayout layout;
-  const auto* bytes = reinterpret_cast<const unsigned char*>(der.data());
-  if (!parseCertificateLayout(bytes, der.size(), layout)) return nullptr;
   const unsigned char* cursor = layout.subject;
   X509NamePtr subject(d2i_X509_NAME(nullptr, &cursor, static_cast<long>(layout.subjectLength)));
   if (!subject) return nullptr;
