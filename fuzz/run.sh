@@ -32,8 +32,11 @@ for target in "${targets[@]}"; do
   rm -rf "$work" && mkdir -p "$work"
   log="$build/$target.log"
   status=0
+  # Inputs of earlier findings stay in the seeds, so that they are tried first.
+  seeds=("$build/corpus/$target")
+  [ -d "fuzz/regressions/$target" ] && seeds+=("fuzz/regressions/$target")
   "$build/$target" -max_total_time="$seconds" -timeout=10 -print_final_stats=1 \
-    -artifact_prefix="$build/findings/$target-" "$work" "$build/corpus/$target" >"$log" 2>&1 ||
+    -artifact_prefix="$build/findings/$target-" "$work" "${seeds[@]}" >"$log" 2>&1 ||
     status=$?
   runs=$(sed -n 's/^Done \([0-9]*\) runs in \([0-9]*\) second.*/\1/p' "$log" || true)
   took=$(sed -n 's/^Done \([0-9]*\) runs in \([0-9]*\) second.*/\2/p' "$log" || true)
