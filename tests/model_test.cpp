@@ -245,9 +245,9 @@ class ModelTest : public test::StoreTest {
     const auto pick = [&random](int n) {
       return static_cast<int>(random() % static_cast<unsigned>(n));
     };
-    std::vector<std::string> bases;
+    std::vector<std::string> bases = {"r0", "r1", "r2"};
+    bases.reserve(bases.size() + kEmails);
     for (int i = 0; i < kEmails; ++i) bases.push_back(baseOf(i));
-    for (const char* other : {"r0", "r1", "r2"}) bases.push_back(other);
 
     int done = 0;
     for (; done < steps && !HasFatalFailure(); ++done) {
