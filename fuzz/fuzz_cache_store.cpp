@@ -16,6 +16,7 @@
 #include <boost/make_shared.hpp>
 #include <cstddef>
 #include <cstdint>
+#include <fstream>
 #include <set>
 #include <string>
 #include <vector>
@@ -52,9 +53,13 @@ void makeEntry(const std::string& directory, std::uint8_t kind, const std::strin
   fs::create_directories(directory, error);
   const std::string path = directory + "/" + name;
   switch (kind & 3) {
-    case kFile:
-      writeBytes(path, content);
+    case kFile: {
+      // The input may have put a file where this entry's directory should
+      // be; then the entry is not made.
+      std::ofstream out(path, std::ios::binary | std::ios::trunc);
+      out.write(content.data(), static_cast<std::streamsize>(content.size()));
       break;
+    }
     case kDirectory:
       fs::create_directory(path, error);
       break;
