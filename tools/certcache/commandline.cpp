@@ -34,7 +34,8 @@ void addGlobalOptions(CLI::App& app, Invocation& invocation) {
   app.add_option("--store", invocation.store.root,
                  "The store's root directory, e.g. --store /var/lib/myapp/certs. Default: "
                  "$CERTCACHE_STORE, else ${XDG_DATA_HOME:-$HOME/.local/share}/certcache")
-      ->type_name("DIR");
+      ->type_name("DIR")
+      ->take_last();
   app.add_option("--location", invocation.store.locations,
                  "A base location to read from, repeatable, in search order, e.g. "
                  "--location /etc/certs --location /tmp/store. Default: the root alone")
@@ -160,7 +161,14 @@ int parseCommandLine(int argc, char** argv, Invocation& invocation) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) return app.exit(error);  // --help
-    std::cerr << "certcache: " << oneLine(error.what()) << " (see certcache --help)\n";
+    std::string message = oneLine(error.what());
+    // A mistyped command is left over as an argument, and CLI11 reports only
+    // that no command came; name the word that was not one.
+    const std::vector<std::string> leftOver = app.remaining();
+    if (app.get_subcommands().empty() && !leftOver.empty()) {
+      message = "unknown command '" + leftOver.front() + "'";
+    }
+    std::cerr << "certcache: " << message << " (see certcache --help)\n";
     return kExitUsage;
   }
   invocation.command = app.get_subcommands().front()->get_name();

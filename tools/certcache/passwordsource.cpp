@@ -92,11 +92,13 @@ class EchoOff {
 };
 
 std::string ask(const char* prompt) {
-  std::fputs(prompt, stderr);
-  std::fflush(stderr);
   std::string answer;
   {
+    // Echo goes off before the prompt shows: switching it flushes what was
+    // typed, and nothing typed after the prompt must be lost.
     EchoOff echoOff(STDIN_FILENO);
+    std::fputs(prompt, stderr);
+    std::fflush(stderr);
     answer = readLine(STDIN_FILENO, "the terminal");
   }
   std::fputs("\n", stderr);
