@@ -86,6 +86,10 @@ TEST_F(ToolTest, PasswordNeverAppearsInOutputOrLog) {
       {"--log", "trace", "--passin", std::string("pass:") + kPassword, "request", "--email",
        "carol@example.org"},
       {"--passin", std::string("pas:") + kPassword, "show", "alice@example.org"},
+      // Global options after the command are refused, and not repeated.
+      {"show", "alice@example.org", "--passin", std::string("pass:") + kPassword},
+      {"list", std::string("--passin=pass:") + kPassword},
+      {std::string("pass:") + kPassword},
   };
   for (const std::vector<std::string>& args : commands) {
     const ToolResult result = tool(args);

@@ -148,6 +148,24 @@ std::string oneLine(std::string text) {
   return text;
 }
 
+// CLI11 repeats arguments it did not expect, and a misplaced "--passin
+// pass:TEXT" would put the password on the screen: every pass: argument of the
+// command line is hidden in the message.
+std::string hidePasswords(std::string message, int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    const std::size_t at = arg.find("pass:");
+    if (at == std::string::npos || (at != 0 && arg.compare(0, at, "--passin=") != 0)) continue;
+    const std::string secret = arg.substr(at);
+    if (secret.size() == 5) continue;
+    for (std::size_t found = message.find(secret); found != std::string::npos;
+         found = message.find(secret, found)) {
+      message.replace(found, secret.size(), "pass:(hidden)");
+    }
+  }
+  return message;
+}
+
 }  // namespace
 
 int parseCommandLine(int argc, char** argv, Invocation& invocation) {
@@ -168,7 +186,7 @@ int parseCommandLine(int argc, char** argv, Invocation& invocation) {
     if (app.get_subcommands().empty() && !leftOver.empty()) {
       message = "unknown command '" + leftOver.front() + "'";
     }
-    std::cerr << "certcache: " << message << " (see certcache --help)\n";
+    std::cerr << "certcache: " << hidePasswords(message, argc, argv) << " (see certcache --help)\n";
     return kExitUsage;
   }
   invocation.command = app.get_subcommands().front()->get_name();
