@@ -29,7 +29,7 @@ void ToolTest::makeAuthority() const {
 }
 
 std::string ToolTest::signRequest(const std::string& csr, int days) const {
-  const std::string cert = csr + ".crt";
+  std::string cert = csr + ".crt";
   const std::string command = "openssl x509 -req -in '" + csr + "' -CA '" + path("ca.crt") +
                               "' -CAkey '" + path("ca.key") + "' -CAcreateserial -days " +
                               std::to_string(days) + " -out '" + cert + "' 2>&1";

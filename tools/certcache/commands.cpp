@@ -26,7 +26,7 @@ namespace fs = boost::filesystem;
 
 // No certificate comes near this; the library refuses larger text anyway, so
 // reading stops here rather than taking in an endless stream.
-constexpr std::size_t kMaxCertificateBytes = 1024 * 1024;
+constexpr std::size_t kMaxCertificateBytes = std::size_t{1024} * 1024;
 
 // The cache uses base names as they stand, so one taken from a person must not
 // leave the cache directory.
@@ -86,6 +86,7 @@ int listCommand(const Invocation& invocation, std::ostream& out) {
   std::vector<std::string> ids;
   session.cache().listIds(ids);
   std::vector<ListEntry> entries;
+  entries.reserve(ids.size());
   for (const std::string& id : ids) entries.push_back({id, session.cache().getFileBaseName(id)});
   printList(out, entries, invocation.longList, invocation.json);
   return kExitOk;

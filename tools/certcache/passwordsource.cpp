@@ -18,7 +18,7 @@ namespace {
 
 // Far longer than any password a person types or a file holds; a source that
 // goes on past this is not a password file.
-constexpr std::size_t kMaxPasswordBytes = 64 * 1024;
+constexpr std::size_t kMaxPasswordBytes = std::size_t{64} * 1024;
 
 const char kSpecForms[] = "pass:TEXT, env:VAR, file:PATH, fd:N or stdin";
 

@@ -40,7 +40,7 @@ void makeDirectory(const fs::path& directory) {
 }  // namespace
 
 std::string defaultStoreRoot() {
-  const std::string store = variable("CERTCACHE_STORE");
+  std::string store = variable("CERTCACHE_STORE");
   if (!store.empty()) return store;
   std::string data = variable("XDG_DATA_HOME");
   if (data.empty()) {
