@@ -1,6 +1,7 @@
 #include "resultwords.h"
 
 #include "crypto/certificatefilecache.h"
+#include "toolerror.h"
 
 namespace tavik {
 namespace cli {
@@ -57,9 +58,9 @@ std::string describeLookupError(int errorCode, const std::string& id) {
 
 int lookupExitStatus(int errorCode) {
   if (errorCode >= CertFileCache::kNotInIndex && errorCode <= CertFileCache::kKeyMissing) {
-    return errorCode - CertFileCache::kNotInIndex + 100;
+    return errorCode - CertFileCache::kNotInIndex + kExitLookupBase;
   }
-  return 74;
+  return kExitIoError;
 }
 
 }  // namespace cli

@@ -12,8 +12,7 @@
 namespace tavik {
 namespace cli {
 
-// Exit statuses besides the cache's own result codes (1 to 13) and the lookup
-// codes mapped to 100 to 104.
+// Exit statuses besides the cache's own result codes (1 to 13).
 enum ExitStatus : int {
   kExitOk = 0,
   kExitDue = 20,          // `expiring` found something expired or due
