@@ -159,6 +159,20 @@ TEST_F(ToolTest, RequestOnStandardOutputAndWithoutTemporaryKey) {
   EXPECT_EQ(quiet({"--passin", "pass:pw", "request", "--email", "carol@example.org"}).status, 2);
 }
 
+TEST_F(ToolTest, RequestWithSubjectIsInstalledUnderThatName) {
+  makeAuthority();
+  ASSERT_EQ(tool({"--passin", "pass:pw", "request", "--email", "erin@example.org", "--subject",
+                  "laptop", "--out", path("erin.csr")})
+                .status,
+            0);
+  const std::string cert = signRequest(path("erin.csr"), 10);
+  // Named after the certificate's identifier, the pending key is not found.
+  EXPECT_EQ(quiet({"install", cert}).status, 10);
+  EXPECT_EQ(tool({"install", "--id", "laptop", cert}).status, 0);
+  EXPECT_THAT(storeFiles(), ElementsAre("user/laptop.crt", "user/laptop.key"));
+  EXPECT_EQ(tool({"list", "--long"}).out, "erin@example.org\tlaptop\n");
+}
+
 TEST_F(ToolTest, FailedRequestLeavesNoOutputFile) {
   const ToolResult request = quiet({"--no-keys", "--passin", "pass:pw", "request", "--email",
                                     "dave@example.org", "--out", path("dave.csr")});
