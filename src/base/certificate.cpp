@@ -34,6 +34,23 @@ bool certificateDer(const std::string& contents, std::string& der) {
   return decodeFirstPemCertificate(contents, der);
 }
 
+// The identity of a certificate whose subject or extensions are in a form that
+// only OpenSSL's decoders read: decodes both and reads it from them.
+bool decodeIdentity(const CertificateLayout& layout, CertificateIdentity& identity) {
+  const unsigned char* cursor = layout.subject;
+  X509NamePtr subject(d2i_X509_NAME(nullptr, &cursor, static_cast<long>(layout.subjectLength)));
+  if (!subject) return false;
+  X509ExtensionsPtr extensions;
+  if (layout.extensions != nullptr) {
+    cursor = layout.extensions;
+    extensions.reset(
+        d2i_X509_EXTENSIONS(nullptr, &cursor, static_cast<long>(layout.extensionsLength)));
+    if (!extensions) return false;
+  }
+  identity = readCertificateIdentity(subject.get(), extensions.get());
+  return true;
+}
+
 PkeyHandle readPrivateKey(const std::string& keyPath, const std::string& password) {
   std::string contents;
   if (!readSmallRegularFile(keyPath, kMaxCredentialFileSize, contents)) return PkeyHandle();
@@ -65,17 +82,12 @@ std::shared_ptr<Certificate> Certificate::fromDer(std::string der, bool decodeWh
   CertificateLayout layout;
   const auto* bytes = reinterpret_cast<const unsigned char*>(der.data());
   if (!parseCertificateLayout(bytes, der.size(), layout)) return nullptr;
-  const unsigned char* cursor = layout.subject;
-  X509NamePtr subject(d2i_X509_NAME(nullptr, &cursor, static_cast<long>(layout.subjectLength)));
-  if (!subject) return nullptr;
-  X509ExtensionsPtr extensions;
-  if (layout.extensions != nullptr) {
-    cursor = layout.extensions;
-    extensions.reset(
-        d2i_X509_EXTENSIONS(nullptr, &cursor, static_cast<long>(layout.extensionsLength)));
-    if (!extensions) return nullptr;
+  CertificateIdentity identity;
+  if (!readCertificateIdentityFromDer(layout.subject, layout.subjectLength, layout.extensions,
+                                      layout.extensionsLength, identity) &&
+      !decodeIdentity(layout, identity)) {
+    return nullptr;
   }
-  CertificateIdentity identity = readCertificateIdentity(subject.get(), extensions.get());
   return std::shared_ptr<Certificate>(
       new Certificate(std::move(der), X509Ptr(), std::move(identity)));
 }

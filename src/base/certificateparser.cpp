@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "base/derreader.h"
+
 namespace tavik {
 
 namespace {
@@ -23,41 +25,6 @@ constexpr unsigned char kTagIssuerUniqueId = 0x81;   // [1] IMPLICIT BIT STRING
 constexpr unsigned char kTagSubjectUniqueId = 0x82;  // [2] IMPLICIT BIT STRING
 constexpr unsigned char kTagExtensions = 0xA3;       // [3] EXPLICIT
 constexpr unsigned char kConstructed = 0x20;
-
-struct Tlv {
-  unsigned char tag = 0;
-  const unsigned char* start = nullptr;  // the tag byte
-  const unsigned char* content = nullptr;
-  std::size_t contentLength = 0;
-  std::size_t totalLength() const {
-    return static_cast<std::size_t>(content - start) + contentLength;
-  }
-  const unsigned char* end() const { return content + contentLength; }
-};
-
-// Reads one TLV at `p`, which must lie within [p, end). DER only: a single-byte
-// tag, a definite length in its shortest form.
-bool readTlv(const unsigned char* p, const unsigned char* end, Tlv& tlv) {
-  if (end - p < 2) return false;
-  tlv.start = p;
-  tlv.tag = *p++;
-  if ((tlv.tag & 0x1F) == 0x1F) return false;  // multi-byte tags do not occur here
-  const unsigned char first = *p++;
-  std::size_t length = 0;
-  if (first < 0x80) {
-    length = first;
-  } else {
-    const int count = first & 0x7F;
-    if (count == 0 || count > 4 || end - p < count) return false;  // indefinite or huge
-    if (*p == 0) return false;                                     // not minimal
-    for (int i = 0; i < count; ++i) length = (length << 8) | *p++;
-    if (length < 0x80) return false;  // should have used the short form
-  }
-  if (static_cast<std::size_t>(end - p) < length) return false;
-  tlv.content = p;
-  tlv.contentLength = length;
-  return true;
-}
 
 // Checks that the content of every constructed value is a run of values that
 // fills it exactly, all the way down.
