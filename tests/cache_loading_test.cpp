@@ -2,8 +2,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/make_shared.hpp>
-
 #include "crypto/certificatefilecache.h"
 #include "support/testsupport.h"
 
@@ -13,85 +11,62 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-class CacheLoadingTest : public test::LogCaptureTest {
+class CacheLoadingTest : public test::StoreTest {
  protected:
-  // The cache directory of the store location `location` (relative to the temp dir).
+  // The cache directory of another store location, named relative to the temp dir.
   std::string userDir(const std::string& location) const { return dir_ / location + "/user"; }
-
-  void writeUserCert(const std::string& file, const std::string& email) {
-    test::CertOptions options;
-    options.commonName = "User";
-    options.email = email;
-    test::makeDirectories(file.substr(0, file.rfind('/')));
-    test::writeFile(file, test::toPem(test::makeCertificate(options).get()));
+  void writeCert(const std::string& path, const std::string& email) {
+    test::makeDirectories(path.substr(0, path.rfind('/')));
+    test::writeFile(path, test::userCertPem(email));
   }
-
-  std::vector<std::string> ids(const CertFileCache& cache) const {
-    std::vector<std::string> list;
-    cache.listIds(list);
-    return list;
+  std::unique_ptr<CertFileCache> loadLogged(CertificateStore& store, bool withKeys) {
+    clearLog();
+    return std::make_unique<CertFileCache>(store, filter_, withKeys);
   }
-
-  test::TempDir dir_;
-  boost::shared_ptr<CertificateFilter> userFilter_ = boost::make_shared<UserCertificateFilter>();
 };
 
 TEST_F(CacheLoadingTest, PairsCertificatesWithKeysAndCountsThoseWithout) {
-  const std::string d = userDir("root");
-  writeUserCert(d + "/x.crt", "x@example.org");
-  test::writeUserPair(d, "y", "y@example.org", "pw");
-  CertificateStore store(dir_ / "root", {dir_ / "root"});
-
-  CertFileCache cache(store, userFilter_, true);
-
-  EXPECT_THAT(ids(cache), ElementsAre("y@example.org"));
-  EXPECT_EQ(cache.getFileBaseName("y@example.org"), "y");
-  const std::string quoted = "\"" + d + "\"";
-  EXPECT_THAT(messages(LogMask::debug),
-              ElementsAre("Certificate without private key. File missing: \"" + d + "/x.key\""));
-  EXPECT_THAT(messages(LogMask::warning),
-              ElementsAre("1 certificate(s) without matching key (file) found in " + quoted));
-  EXPECT_THAT(messages(LogMask::info),
-              ElementsAre("Successfully found 1 certificate(s) in " + quoted));
-  EXPECT_THAT(messages(LogMask::trace), ElementsAre("Looking for all certificates...",
-                                                    "Scanning dir " + d + " for certificates...",
-                                                    "Added certficate y@example.org => y"));
+  writeCert(file("x.crt"), "x@example.org");
+  test::writeUserPair(userDir_, "y", "y@example.org", "pw");
+  auto cache = loadLogged(store_, true);
+  EXPECT_THAT(ids(*cache), ElementsAre("y@example.org"));
+  EXPECT_EQ(cache->getFileBaseName("y@example.org"), "y");
+  EXPECT_THAT(
+      statements(),
+      ElementsAre(
+          "trace: Looking for all certificates...",
+          "trace: Scanning dir " + userDir_ + " for certificates...",
+          "debug: Certificate without private key. File missing: " + quoted("x.key"),
+          "trace: Added certficate y@example.org => y",
+          "warning: 1 certificate(s) without matching key (file) found in \"" + userDir_ + "\"",
+          "info: Successfully found 1 certificate(s) in \"" + userDir_ + "\""));
 }
 
-TEST_F(CacheLoadingTest, NothingWithKeyEndsInTheFinalWarning) {
-  writeUserCert(userDir("a") + "/x.crt", "x@example.org");
-  CertificateStore store(dir_ / "a", {dir_ / "a", dir_ / "b"});
-
-  CertFileCache cache(store, userFilter_, true);
-
-  EXPECT_THAT(ids(cache), IsEmpty());
+TEST_F(CacheLoadingTest, NothingFoundIsReportedOnceAtTheEnd) {
+  writeCert(file("x.crt"), "x@example.org");
+  CertificateStore twoLocations(root_, {root_, dir_ / "b"});
+  loadLogged(twoLocations, true);
   EXPECT_THAT(messages(LogMask::info), IsEmpty());
   EXPECT_THAT(
       messages(LogMask::warning),
-      ElementsAre("1 certificate(s) without matching key (file) found in \"" + userDir("a") + "\"",
-                  "Did not find any certificates with matching key in one of the dirs " +
-                      (dir_ / "a") + ", " + (dir_ / "b")));
+      ElementsAre("1 certificate(s) without matching key (file) found in \"" + userDir_ + "\"",
+                  "Did not find any certificates with matching key in one of the dirs " + root_ +
+                      ", " + (dir_ / "b")));
   EXPECT_THAT(messages(LogMask::trace),
               ::testing::Contains("Cert store directory \"" + userDir("b") +
                                   "\" does not exist (we look at other locations!)"));
-}
 
-TEST_F(CacheLoadingTest, StoreWithoutLocationsReportsAnEmptyList) {
-  CertificateStore store(dir_ / "root", {});
-  CertFileCache withoutKeys(store, userFilter_, false);
+  CertificateStore none(root_, {});
+  EXPECT_THAT(ids(*loadLogged(none, false)), IsEmpty());
   EXPECT_THAT(statements(), ElementsAre("trace: Looking for all certificates...",
                                         "info: Did not find any certificates in one of the dirs "));
-  EXPECT_THAT(ids(withoutKeys), IsEmpty());
 }
 
 TEST_F(CacheLoadingTest, LaterLocationWinsForTheSameIdentifier) {
-  writeUserCert(userDir("first") + "/a.crt", "one@example.org");
-  writeUserCert(userDir("second") + "/a.crt", "two@example.org");
+  writeCert(userDir("first") + "/a.crt", "one@example.org");
+  writeCert(userDir("second") + "/a.crt", "two@example.org");
   CertificateStore store(dir_ / "first", {dir_ / "first", dir_ / "second"});
-
-  CertFileCache cache(store, userFilter_, false);
-
-  EXPECT_THAT(ids(cache), ElementsAre("a"));
+  EXPECT_THAT(ids(*loadLogged(store, false)), ElementsAre("a"));
   EXPECT_THAT(messages(LogMask::warning),
               ElementsAre("Replacing certificate (a). File 'a' replaced with 'a' from '" +
                           userDir("second") + "'"));
@@ -101,119 +76,97 @@ TEST_F(CacheLoadingTest, LaterLocationWinsForTheSameIdentifier) {
 }
 
 TEST_F(CacheLoadingTest, MixedCaseExtensionLoadsAndLooksForLowerCaseKey) {
-  const std::string d = userDir("root");
-  writeUserCert(d + "/Cam1.CRT", "cam@example.org");
-  writeUserCert(d + "/Cam2.Crt", "cam2@example.org");
-  test::writeFile(d + "/Cam2.KEY", "not looked at");
-  test::writeFile(d + "/Cam1.key", "exists, content not examined at load");
-  CertificateStore store(dir_ / "root", {dir_ / "root"});
-
-  CertFileCache withKeys(store, userFilter_, true);
-  EXPECT_THAT(ids(withKeys), ElementsAre("cam@example.org"));
+  writeCert(file("Cam1.CRT"), "cam@example.org");
+  writeCert(file("Cam2.Crt"), "cam2@example.org");
+  test::writeFile(file("Cam2.KEY"), "not looked at");
+  test::writeFile(file("Cam1.key"), "exists; its content is not examined at load");
+  EXPECT_THAT(ids(*loadLogged(store_, true)), ElementsAre("cam@example.org"));
   EXPECT_THAT(messages(LogMask::debug),
-              ElementsAre("Certificate without private key. File missing: \"" + d + "/Cam2.key\""));
+              ElementsAre("Certificate without private key. File missing: " + quoted("Cam2.key")));
 
-  CertFileCache withoutKeys(store, userFilter_, false);
-  EXPECT_THAT(ids(withoutKeys), ElementsAre("Cam1", "Cam2"));
+  auto withoutKeys = makeCache(false);
+  EXPECT_THAT(ids(*withoutKeys), ElementsAre("Cam1", "Cam2"));
   // Lookup builds "Cam1.crt", which a case-sensitive file system does not hold.
   int error = -1;
-  EXPECT_FALSE(withoutKeys.getCertificate("Cam1", "", error, false));
+  EXPECT_FALSE(withoutKeys->getCertificate("Cam1", "", error, false));
   EXPECT_EQ(error, CertFileCache::kNoLocationHasIt);
 }
 
 TEST_F(CacheLoadingTest, SkipsNonCertificatesSilentlyAndBadCertificatesWithWarnings) {
-  const std::string d = userDir("root");
-  writeUserCert(d + "/good.crt", "good@example.org");
-  writeUserCert(d + "/A.crt.bak", "bak@example.org");
-  writeUserCert(d + "/A.pem", "pem@example.org");
-  test::makeDirectories(d + "/B.crt");
-  ASSERT_EQ(::symlink((d + "/nowhere.crt").c_str(), (d + "/dead.crt").c_str()), 0);
-  ASSERT_EQ(::mkfifo((d + "/pipe.crt").c_str(), 0600), 0);
-  test::writeFile(d + "/D.crt", "no certificate here");
+  writeCert(file("good.crt"), "good@example.org");
+  writeCert(file("A.crt.bak"), "bak@example.org");
+  writeCert(file("A.pem"), "pem@example.org");
+  test::makeDirectories(file("B.crt"));
+  ASSERT_EQ(::symlink(file("nowhere.crt").c_str(), file("dead.crt").c_str()), 0);
+  ASSERT_EQ(::symlink(file("good.crt").c_str(), file("link.crt").c_str()), 0);
+  ASSERT_EQ(::mkfifo(file("pipe.crt").c_str(), 0600), 0);
+  test::writeFile(file("D.crt"), "no certificate here");
   test::CertOptions authority;
   authority.commonName = "Some CA";
   authority.authority = true;
-  test::writeFile(d + "/ca.crt", test::toPem(test::makeCertificate(authority).get()));
-  ASSERT_EQ(::symlink((d + "/good.crt").c_str(), (d + "/link.crt").c_str()), 0);
-  CertificateStore store(dir_ / "root", {dir_ / "root"});
+  test::writeFile(file("ca.crt"), test::toPem(test::makeCertificate(authority).get()));
 
-  CertFileCache cache(store, userFilter_, false);
-
-  EXPECT_THAT(ids(cache), ElementsAre("good", "link"));
+  EXPECT_THAT(ids(*loadLogged(store_, false)), ElementsAre("good", "link"));
   std::vector<std::string> warnings = messages(LogMask::warning);
   std::sort(warnings.begin(), warnings.end());
   EXPECT_THAT(warnings,
-              ElementsAre("Loading certificate from \"" + d + "/D.crt\" failed",
-                          "The certificate in \"" + d + "/ca.crt\" is not the required type"));
+              ElementsAre("Loading certificate from " + quoted("D.crt") + " failed",
+                          "The certificate in " + quoted("ca.crt") + " is not the required type"));
   EXPECT_THAT(messages(LogMask::info),
-              ElementsAre("Successfully found 2 certificate(s) in \"" + d + "\""));
+              ElementsAre("Successfully found 2 certificate(s) in \"" + userDir_ + "\""));
 }
 
 TEST_F(CacheLoadingTest, FileInPlaceOfCacheDirectoryScansNothingQuietly) {
-  test::makeDirectories(dir_ / "root");
-  test::writeFile(dir_ / "root/user", "a file, not a directory");
-  CertificateStore store(dir_ / "root", {dir_ / "root"});
-
-  CertFileCache cache(store, userFilter_, false);
-
+  test::makeDirectories(dir_ / "plain");
+  test::writeFile(dir_ / "plain/user", "a file, not a directory");
+  CertificateStore store(dir_ / "plain", {dir_ / "plain"});
+  loadLogged(store, false);
   EXPECT_THAT(
       statements(),
       ElementsAre("trace: Looking for all certificates...",
-                  "trace: Scanning dir " + userDir("root") + " for certificates...",
-                  "info: Did not find any certificates in one of the dirs " + (dir_ / "root")));
+                  "trace: Scanning dir " + userDir("plain") + " for certificates...",
+                  "info: Did not find any certificates in one of the dirs " + (dir_ / "plain")));
 }
 
 TEST_F(CacheLoadingTest, QuotesPathsHoldingQuotesAndAmpersands) {
   const std::string location = dir_ / "we\"ird&dir";
-  writeUserCert(location + "/user/bad.crt", "x@y");
+  writeCert(location + "/user/bad.crt", "x@y");
   test::writeFile(location + "/user/bad.crt", "broken");
   CertificateStore store(location, {location});
-
-  CertFileCache cache(store, userFilter_, false);
-
+  loadLogged(store, false);
   EXPECT_THAT(messages(LogMask::warning),
               ElementsAre("Loading certificate from \"" + (dir_ / "we&\"ird&&dir") +
                           "/user/bad.crt\" failed"));
 }
 
 TEST_F(CacheLoadingTest, LoadsFilesWrittenByTheOpensslTool) {
-  const std::string d = userDir("root");
-  test::makeDirectories(d);
-  // A request signed with its own key: a version-1 end-entity certificate.
-  const std::string command =
-      "cd '" + d +
-      "' && openssl req -new -newkey rsa:2048 -subj '/CN=Tool/emailAddress=tool@example.org' "
-      "-passout pass:toolpw -keyout tool.key -out tool.csr 2>/dev/null && "
-      "openssl x509 -req -in tool.csr -signkey tool.key -passin pass:toolpw -days 30 -out tool.crt "
-      "2>/dev/null && rm tool.csr";
-  ASSERT_EQ(test::runCommand(command), 0);
-  ASSERT_EQ(test::runCommand("openssl x509 -in '" + d + "/tool.crt' -outform DER -out '" + d +
-                             "/der.crt' && cp '" + d + "/tool.key' '" + d + "/der.key'"),
-            0);
-  CertificateStore store(dir_ / "root", {dir_ / "root"});
-
-  CertFileCache cache(store, userFilter_, true);
-
-  EXPECT_THAT(ids(cache), ElementsAre("tool@example.org"));  // the two files share the identifier
+  // A request signed with its own key: a version-1 end-entity certificate, PEM and DER.
+  ASSERT_EQ(
+      test::runCommand(
+          "cd '" + userDir_ +
+          "' && (openssl req -new -newkey rsa:2048 -passout pass:toolpw "
+          "-subj '/CN=Tool/emailAddress=tool@example.org' -keyout tool.key -out tool.csr && "
+          "openssl x509 -req -in tool.csr -signkey tool.key -passin pass:toolpw -out tool.crt && "
+          "openssl x509 -in tool.crt -outform DER -out der.crt && cp tool.key der.key && "
+          "rm tool.csr) 2>/dev/null"),
+      0);
+  auto cache = loadLogged(store_, true);
+  EXPECT_THAT(ids(*cache), ElementsAre("tool@example.org"));  // both files give one identifier
+  EXPECT_EQ(messages(LogMask::warning).size(), 1u);           // the replacement
   int error = -1;
   std::shared_ptr<Certificate> cert =
-      cache.getCertificate("tool@example.org", "toolpw", error, true);
+      cache->getCertificate("tool@example.org", "toolpw", error, true);
   ASSERT_TRUE(cert);
-  EXPECT_EQ(error, 0);
-  EXPECT_NE(cert->getPrivateKey(), nullptr);
+  EXPECT_EQ(X509_check_private_key(cert->getX509(), cert->getPrivateKey()), 1);
 }
 
 TEST_F(CacheLoadingTest, LoadAgainKeepsEntriesWhoseFilesHaveGone) {
-  const std::string d = userDir("root");
-  writeUserCert(d + "/a.crt", "a@x");
-  CertificateStore store(dir_ / "root", {dir_ / "root"});
-  CertFileCache cache(store, userFilter_, false);
-  ::unlink((d + "/a.crt").c_str());
-  writeUserCert(d + "/b.crt", "b@x");
-
-  cache.load();
-
-  EXPECT_THAT(ids(cache), ElementsAre("a", "b"));
+  writeCert(file("a.crt"), "a@x");
+  auto cache = makeCache(false);
+  ASSERT_EQ(::unlink(file("a.crt").c_str()), 0);
+  writeCert(file("b.crt"), "b@x");
+  cache->load();
+  EXPECT_THAT(ids(*cache), ElementsAre("a", "b"));
 }
 
 // Run as an unprivileged user by run_unprivileged.sh; root reads every file.
@@ -226,16 +179,11 @@ class CacheLoadingUnprivilegedTest : public CacheLoadingTest {
 };
 
 TEST_F(CacheLoadingUnprivilegedTest, UnreadableCertificateIsSkippedWithItsWarning) {
-  const std::string d = userDir("root");
-  writeUserCert(d + "/locked.crt", "l@x");
-  ::chmod((d + "/locked.crt").c_str(), 0);
-  CertificateStore store(dir_ / "root", {dir_ / "root"});
-
-  CertFileCache cache(store, userFilter_, false);
-
-  EXPECT_THAT(ids(cache), IsEmpty());
+  writeCert(file("locked.crt"), "l@x");
+  ::chmod(file("locked.crt").c_str(), 0);
+  EXPECT_THAT(ids(*loadLogged(store_, false)), IsEmpty());
   EXPECT_THAT(messages(LogMask::warning),
-              ElementsAre("Loading certificate from \"" + d + "/locked.crt\" failed"));
+              ElementsAre("Loading certificate from " + quoted("locked.crt") + " failed"));
 }
 
 }  // namespace

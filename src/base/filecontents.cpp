@@ -60,4 +60,19 @@ bool readSmallRegularFile(const std::string& path, std::size_t limit, std::strin
   return true;
 }
 
+bool writeWholeFile(const std::string& path, const std::string& contents) {
+  FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  if (file.get() < 0) return false;
+  std::size_t written = 0;
+  while (written < contents.size()) {
+    const ssize_t put = ::write(file.get(), contents.data() + written, contents.size() - written);
+    if (put < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    written += static_cast<std::size_t>(put);
+  }
+  return true;
+}
+
 }  // namespace tavik

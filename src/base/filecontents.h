@@ -1,4 +1,5 @@
-// Reads the small files a certificate store holds, without trusting them.
+// Reads the small files a certificate store holds, without trusting them, and
+// writes them back.
 #ifndef TAVIK_BASE_FILECONTENTS_H_
 #define TAVIK_BASE_FILECONTENTS_H_
 
@@ -15,6 +16,10 @@ constexpr std::size_t kMaxCredentialFileSize = 1024 * 1024;
 // is not a regular file (a FIFO or device is never read, so it cannot block),
 // or holds more than `limit` bytes; a larger file is not read whole.
 bool readSmallRegularFile(const std::string& path, std::size_t limit, std::string& contents);
+
+// Creates or truncates the file at `path` and writes `contents`; true when all
+// of it was written.
+bool writeWholeFile(const std::string& path, const std::string& contents);
 
 }  // namespace tavik
 

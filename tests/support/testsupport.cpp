@@ -7,6 +7,7 @@
 
 #include <array>
 #include <boost/filesystem.hpp>
+#include <boost/make_shared.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -148,6 +149,19 @@ std::vector<std::string> listTree(const std::string& dir) {
   return files;
 }
 
+std::string userCertPem(const std::string& email) {
+  CertOptions options;
+  options.commonName = "User";
+  options.email = email;
+  return toPem(makeCertificate(options).get());
+}
+
+int occurrences(const std::string& text, const std::string& word) {
+  int count = 0;
+  for (auto at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) ++count;
+  return count;
+}
+
 void writeUserPair(const std::string& dir, const std::string& baseName, const std::string& email,
                    const std::string& password, EVP_PKEY* key) {
   CertOptions options;
@@ -200,6 +214,24 @@ std::vector<std::string> LogCaptureTest::messages(LogMask::log_t level) const {
     if (record.level == level) lines.push_back(record.message);
   }
   return lines;
+}
+
+void StoreTest::SetUp() {
+  LogCaptureTest::SetUp();
+  makeDirectories(userDir_);
+  filter_ = boost::make_shared<UserCertificateFilter>();
+}
+
+std::unique_ptr<CertFileCache> StoreTest::makeCache(bool withKeys) {
+  auto cache = std::make_unique<CertFileCache>(store_, filter_, withKeys);
+  clearLog();
+  return cache;
+}
+
+std::vector<std::string> StoreTest::ids(const CertFileCache& cache) {
+  std::vector<std::string> list;
+  cache.listIds(list);
+  return list;
 }
 
 }  // namespace test

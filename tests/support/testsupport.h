@@ -6,10 +6,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <boost/shared_ptr.hpp>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "base/opensslutil.h"
+#include "crypto/certificatefilecache.h"
 #include "log/log.h"
 
 namespace tavik {
@@ -59,6 +62,12 @@ void makeDirectories(const std::string& path);
 // Every file below `dir`, relative to it, sorted.
 std::vector<std::string> listTree(const std::string& dir);
 
+// The PEM of a user certificate (CN "User", emailAddress `email`) for testKey(0).
+std::string userCertPem(const std::string& email);
+
+// How often `word` occurs in `text`.
+int occurrences(const std::string& text, const std::string& word);
+
 // Writes base.crt (PEM) and base.key (encrypted with `password`) in `dir` for a
 // user certificate with subject emailAddress `email`.
 void writeUserPair(const std::string& dir, const std::string& baseName, const std::string& email,
@@ -81,6 +90,29 @@ class LogCaptureTest : public ::testing::Test {
   void clearLog() { records_.clear(); }
 
   std::vector<LogRecord> records_;
+};
+
+// A LogCaptureTest with a fresh store whose root is the only location, and the
+// user filter; the root's cache directory exists.
+class StoreTest : public LogCaptureTest {
+ protected:
+  void SetUp() override;
+
+  // A cache over the store; the log starts empty after its construction.
+  std::unique_ptr<CertFileCache> makeCache(bool withKeys);
+  static std::vector<std::string> ids(const CertFileCache& cache);
+
+  // A path in the root's cache directory, plain and in the quoted path form.
+  std::string file(const std::string& name) const { return userDir_ + "/" + name; }
+  std::string quoted(const std::string& name) const { return "\"" + file(name) + "\""; }
+  // Everything in the root's cache directory.
+  std::vector<std::string> files() const { return listTree(userDir_); }
+
+  TempDir dir_;
+  const std::string root_ = dir_ / "root";
+  const std::string userDir_ = root_ + "/user";
+  CertificateStore store_{root_, {root_}};
+  boost::shared_ptr<CertificateFilter> filter_;
 };
 
 }  // namespace test
