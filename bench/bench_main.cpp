@@ -2,6 +2,7 @@
 //   --stores=DIR        where the generated stores lie (required)
 //   --sizes=N,N,...     the store sizes to measure (default 1000,10000,100000)
 //   --scratch=DIR       where creation benchmarks write (default DIR/scratch)
+//   --creation-iterations=N   runs of each creation benchmark (default 200)
 // Every named store must have been made by tavik_bench_generate.
 #include <benchmark/benchmark.h>
 
@@ -48,6 +49,15 @@ int main(int argc, char** argv) {
   for (int arg = 1; arg < argc; ++arg) {
     if (takeOption(argv[arg], "--stores", options.storesDir) ||
         takeOption(argv[arg], "--scratch", options.scratchDir)) {
+      continue;
+    }
+    std::string iterations;
+    if (takeOption(argv[arg], "--creation-iterations", iterations)) {
+      options.creationIterations = std::atoi(iterations.c_str());
+      if (options.creationIterations <= 0) {
+        std::fprintf(stderr, "--creation-iterations takes a positive count\n");
+        return 64;
+      }
       continue;
     }
     if (takeOption(argv[arg], "--sizes", sizes)) {

@@ -14,6 +14,7 @@ struct BenchOptions {
   std::string storesDir;           // where the generated stores lie
   std::vector<std::size_t> sizes;  // the store sizes to measure; each store must exist
   std::string scratchDir;          // where creation benchmarks write their files
+  int creationIterations = 200;    // runs of each creation benchmark, the same for each side
 };
 
 // Construction of a key-holding cache against the bare OpenSSL loop, Botan 2
