@@ -5,8 +5,6 @@
 #include <botan/pkix_types.h>
 #include <botan/x509cert.h>
 #include <gnutls/x509.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 #include <sys/stat.h>
 
 #include <boost/make_shared.hpp>
@@ -14,9 +12,9 @@
 #include <map>
 #include <string>
 
+#include "bareopenssl.h"
 #include "base/certificatefilter.h"
 #include "base/certificatestore.h"
-#include "base/opensslutil.h"
 #include "benchregistry.h"
 #include "benchstore.h"
 #include "crypto/certificatefilecache.h"
@@ -64,24 +62,7 @@ void opensslLoop(benchmark::State& state, const std::string& storesDir, std::siz
   const std::string dir = storeUserDir(storesDir, count);
   std::size_t found = 0;
   for (auto _ : state) {
-    std::map<std::string, std::string> index;
-    for (const fs::directory_entry& entry : fs::directory_iterator(dir)) {
-      const fs::path& path = entry.path();
-      if (path.extension() != ".crt") continue;
-      BioPtr bio(BIO_new_file(path.c_str(), "r"));
-      if (!bio) continue;
-      X509Ptr cert(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
-      if (!cert) continue;
-      const X509_NAME* subject = X509_get_subject_name(cert.get());
-      const int position = X509_NAME_get_index_by_NID(subject, NID_pkcs9_emailAddress, -1);
-      if (position < 0) continue;
-      const ASN1_STRING* email = X509_NAME_ENTRY_get_data(X509_NAME_get_entry(subject, position));
-      if (!keyFileExists(path)) continue;
-      index.emplace(std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(email)),
-                                static_cast<std::size_t>(ASN1_STRING_length(email))),
-                    path.stem().string());
-    }
-    found = index.size();
+    found = bareOpenSslLoad(dir);
     benchmark::DoNotOptimize(found);
   }
   reportCount(state, found, count);

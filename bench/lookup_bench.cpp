@@ -1,7 +1,6 @@
 // Lookups on an open cache: a certificate with its key against the bare PEM
 // reads of the same two files, the list of identifiers, and a miss.
 #include <benchmark/benchmark.h>
-#include <openssl/pem.h>
 
 #include <boost/make_shared.hpp>
 #include <map>
@@ -9,9 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "bareopenssl.h"
 #include "base/certificatefilter.h"
 #include "base/certificatestore.h"
-#include "base/opensslutil.h"
 #include "benchregistry.h"
 #include "benchstore.h"
 #include "crypto/certificatefilecache.h"
@@ -75,18 +74,10 @@ void bareCertificateAndKey(benchmark::State& state, const std::string& storesDir
   const std::string dir = storeUserDir(storesDir, count);
   Rotation rotation(count);
   for (auto _ : state) {
-    const std::string base = dir + "/" + certificateBaseName(rotation.next());
-    BioPtr certBio(BIO_new_file((base + ".crt").c_str(), "r"));
-    X509Ptr cert(certBio ? PEM_read_bio_X509(certBio.get(), nullptr, nullptr, nullptr) : nullptr);
-    BioPtr keyBio(BIO_new_file((base + ".key").c_str(), "r"));
-    PkeyHandle key(keyBio ? PEM_read_bio_PrivateKey(keyBio.get(), nullptr, nullptr,
-                                                    const_cast<char*>(kStorePassword))
-                          : nullptr);
-    if (!cert || !key) {
+    if (!bareReadCertificateAndKey(dir + "/" + certificateBaseName(rotation.next()))) {
       state.SkipWithError("bare read failed");
       return;
     }
-    benchmark::DoNotOptimize(key.get());
   }
 }
 
