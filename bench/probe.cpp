@@ -5,7 +5,8 @@
 //       ("none": everything but that) and prints
 //       entries=N baseline_kib=K peak_kib=P   (baseline: the peak before the cache)
 //   tavik_bench_probe load cache|openssl STORE_ROOT
-//       opens the store once, with the cache or with the bare OpenSSL loop
+//       opens the store once, with the cache or with the bare OpenSSL loop, and
+//       prints entries=N user_ms=U system_ms=S wall_ms=W
 //   tavik_bench_probe lookup cache|openssl STORE_ROOT COUNT LOOKUPS
 //       reads LOOKUPS certificates with their keys, through an open cache or
 //       with bare OpenSSL (the cache is opened first, outside the function)
@@ -14,6 +15,7 @@
 #include <sys/resource.h>
 
 #include <boost/make_shared.hpp>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -34,6 +36,16 @@ long peakResidentKib() {
   struct rusage usage {};
   getrusage(RUSAGE_SELF, &usage);
   return usage.ru_maxrss;  // KiB on Linux
+}
+
+double milliseconds(const timeval& time) { return time.tv_sec * 1e3 + time.tv_usec / 1e3; }
+
+// The process's user and system CPU time so far, in milliseconds.
+void cpuMilliseconds(double& user, double& system) {
+  struct rusage usage {};
+  getrusage(RUSAGE_SELF, &usage);
+  user = milliseconds(usage.ru_utime);
+  system = milliseconds(usage.ru_stime);
 }
 
 __attribute__((noinline)) std::size_t measuredCacheLoad(CertificateStore& store) {
@@ -103,8 +115,17 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (what == "load" && argc == 4) {
+    double user = 0;
+    double system = 0;
+    cpuMilliseconds(user, system);
+    const auto start = std::chrono::steady_clock::now();
     const std::size_t entries = withCache ? measuredCacheLoad(store) : measuredOpenSslLoad(dir);
-    std::printf("entries=%zu\n", entries);
+    const std::chrono::duration<double, std::milli> wall = std::chrono::steady_clock::now() - start;
+    double userAfter = 0;
+    double systemAfter = 0;
+    cpuMilliseconds(userAfter, systemAfter);
+    std::printf("entries=%zu user_ms=%.1f system_ms=%.1f wall_ms=%.1f\n", entries, userAfter - user,
+                systemAfter - system, wall.count());
     return 0;
   }
   if (what == "lookup" && argc == 6) {
