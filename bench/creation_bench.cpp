@@ -6,6 +6,7 @@
 #include <openssl/rsa.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <boost/make_shared.hpp>
 #include <filesystem>
 #include <string>
@@ -17,6 +18,7 @@
 #include "benchstore.h"
 #include "crypto/certificatefilecache.h"
 #include "deterministicrandom.h"
+#include "pairedrun.h"
 
 namespace tavik {
 namespace bench {
@@ -160,6 +162,53 @@ void bareCsr(benchmark::State& state, const BenchOptions& options) {
   }
 }
 
+// Both creations in alternation (see pairedrun.h); in each round both sides
+// go through the same seeds, so they generate the same keys.
+void pairedCreation(benchmark::State& state, const BenchOptions& options, bool request) {
+  const int perRound = std::max(1, options.creationIterations / 30);
+  constexpr int kRounds = 31;
+  const std::string root = scratchRoot(options, request ? "csr-paired-cache" : "pair-cache");
+  const std::string bareBase =
+      scratchRoot(options, request ? "csr-paired-bare" : "pair-bare") + "/user/" + kBaseName;
+  CertificateStore store(root, {root});
+  CertFileCache cache(store, boost::make_shared<UserCertificateFilter>(), true);
+  DeterministicRandom random;
+  std::string csr;
+  PairedResult result;
+  bool failed = false;
+  for (auto _ : state) {
+    result = runPaired(
+        kRounds,
+        [&](int round) {
+          for (int k = 0; k < perRound; ++k) {
+            random.reseed(static_cast<std::uint64_t>(round * perRound + k + 1));
+            const int made = request
+                                 ? cache.createCsr("", kEmail, kStorePassword,
+                                                   CertFileCache::overwriteExisting, csr)
+                                 : cache.createSelfSignedKeyPair("", kEmail, kStorePassword,
+                                                                 CertFileCache::overwriteExisting);
+            if (made != 0) return false;
+          }
+          return true;
+        },
+        [&](int round) {
+          for (int k = 0; k < perRound; ++k) {
+            random.reseed(static_cast<std::uint64_t>(round * perRound + k + 1));
+            if (!(request ? bareRequest(bareBase, csr) : bareSelfSignedPair(bareBase))) {
+              return false;
+            }
+          }
+          return true;
+        },
+        failed);
+  }
+  if (failed) {
+    state.SkipWithError("a creation failed");
+    return;
+  }
+  reportPaired(state, result, perRound);
+}
+
 }  // namespace
 
 void registerCreationBenchmarks(const BenchOptions& options) {
@@ -177,6 +226,16 @@ void registerCreationBenchmarks(const BenchOptions& options) {
         ->UseRealTime()
         ->Iterations(options.creationIterations);
   }
+  benchmark::RegisterBenchmark("Pair/SelfSigned", pairedCreation, options, false)
+      ->Unit(benchmark::kMillisecond)
+      ->UseRealTime()
+      ->Iterations(1)
+      ->Repetitions(1);
+  benchmark::RegisterBenchmark("Pair/Csr", pairedCreation, options, true)
+      ->Unit(benchmark::kMillisecond)
+      ->UseRealTime()
+      ->Iterations(1)
+      ->Repetitions(1);
 }
 
 }  // namespace bench

@@ -18,6 +18,7 @@
 #include "benchregistry.h"
 #include "benchstore.h"
 #include "crypto/certificatefilecache.h"
+#include "pairedrun.h"
 
 namespace tavik {
 namespace bench {
@@ -122,6 +123,33 @@ void gnutlsTrustDir(benchmark::State& state, const std::string& storesDir, std::
   reportCount(state, found, count);
 }
 
+// The cache and the bare OpenSSL loop in alternation (see pairedrun.h): the
+// figure that decides the tenfold target.
+void pairedLoad(benchmark::State& state, const std::string& storesDir, std::size_t count) {
+  const std::string root = storeRoot(storesDir, count);
+  const std::string dir = storeUserDir(storesDir, count);
+  CertificateStore store(root, {root});
+  boost::shared_ptr<CertificateFilter> filter = boost::make_shared<UserCertificateFilter>();
+  const int rounds = count >= 100000 ? 3 : count >= 10000 ? 9 : 21;
+  PairedResult result;
+  bool failed = false;
+  for (auto _ : state) {
+    result = runPaired(
+        rounds,
+        [&](int) {
+          CertFileCache cache(store, filter, true);
+          std::vector<std::string> ids;
+          return cache.listIds(ids) == count;
+        },
+        [&](int) { return bareOpenSslLoad(dir) == count; }, failed);
+  }
+  if (failed) {
+    state.SkipWithError("a side did not find every certificate");
+    return;
+  }
+  reportPaired(state, result, static_cast<int>(count));
+}
+
 }  // namespace
 
 void registerLoadingBenchmarks(const BenchOptions& options) {
@@ -138,6 +166,14 @@ void registerLoadingBenchmarks(const BenchOptions& options) {
           ->Unit(benchmark::kMillisecond)
           ->UseRealTime();
     }
+  }
+  for (std::size_t count : options.sizes) {
+    const std::string name = "Pair/Load/" + std::to_string(count);
+    benchmark::RegisterBenchmark(name.c_str(), pairedLoad, options.storesDir, count)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime()
+        ->Iterations(1)
+        ->Repetitions(1);
   }
 }
 

@@ -14,6 +14,7 @@
 #include "benchregistry.h"
 #include "benchstore.h"
 #include "crypto/certificatefilecache.h"
+#include "pairedrun.h"
 
 namespace tavik {
 namespace bench {
@@ -103,6 +104,50 @@ void lookupMiss(benchmark::State& state, const std::string& storesDir, std::size
   }
 }
 
+// getCertificate with key and the bare reads in alternation (see
+// pairedrun.h), on the same files in each round.
+void pairedLookup(benchmark::State& state, const std::string& storesDir, std::size_t count) {
+  constexpr int kRounds = 21;
+  constexpr int kPerRound = 50;
+  const CertFileCache& cache = openStore(storesDir, count).cache;
+  const std::string dir = storeUserDir(storesDir, count);
+  auto certificateOf = [count](int round, int k) {
+    return (static_cast<std::size_t>(round) * kPerRound + static_cast<std::size_t>(k)) * 7919 %
+           count;
+  };
+  PairedResult result;
+  bool failed = false;
+  for (auto _ : state) {
+    result = runPaired(
+        kRounds,
+        [&](int round) {
+          for (int k = 0; k < kPerRound; ++k) {
+            int errorCode = -1;
+            if (!cache.getCertificate(certificateEmail(certificateOf(round, k)), kStorePassword,
+                                      errorCode, false)) {
+              return false;
+            }
+          }
+          return true;
+        },
+        [&](int round) {
+          for (int k = 0; k < kPerRound; ++k) {
+            if (!bareReadCertificateAndKey(dir + "/" +
+                                           certificateBaseName(certificateOf(round, k)))) {
+              return false;
+            }
+          }
+          return true;
+        },
+        failed);
+  }
+  if (failed) {
+    state.SkipWithError("a lookup failed");
+    return;
+  }
+  reportPaired(state, result, kPerRound);
+}
+
 }  // namespace
 
 void registerLookupBenchmarks(const BenchOptions& options) {
@@ -120,6 +165,14 @@ void registerLookupBenchmarks(const BenchOptions& options) {
           ->Unit(benchmark::kMicrosecond)
           ->UseRealTime();
     }
+  }
+  for (std::size_t count : options.sizes) {
+    const std::string name = "Pair/Lookup/" + std::to_string(count);
+    benchmark::RegisterBenchmark(name.c_str(), pairedLookup, options.storesDir, count)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime()
+        ->Iterations(1)
+        ->Repetitions(1);
   }
 }
 
