@@ -98,6 +98,17 @@ def met(flag):
     return "**met**" if flag else "**not met**"
 
 
+def cpu_rows(name):
+    rows = []
+    if os.path.exists(path(name)):
+        with open(path(name)) as f:
+            for line in f:
+                values = dict(re.findall(r"(\w+)=([\d.]+)", line))
+                if values:
+                    rows.append(values)
+    return rows
+
+
 machine = read_machine()
 out = []
 w = out.append
@@ -244,21 +255,24 @@ w("## Side by side")
 w("")
 w("The comparisons that the targets are judged on, each made in alternation within one")
 w("benchmark (`bench/pairedrun.h`): our operation and the bare one run in turn, round after")
-w("round, so a burst of outside load falls on both alike; the ratio is the median of the")
-w("per-round ratios. Times are the median round's, per certificate (loading) or per call.")
+w("round, so a burst of outside load falls on both alike. Each side is timed in its thread's")
+w("CPU time (user + system), which waiting for a core does not inflate; the ratio is the median")
+w("of the per-round ratios. Times are the median round's CPU time, per certificate (opening) or")
+w("per call. The wall-clock ratio is given too.")
 w("")
-w("| comparison | ours | bare OpenSSL | ratio ours / bare | bare / ours | ratio of the fastest rounds | rounds |")
-w("|---|---:|---:|---:|---:|---:|---:|")
+w("| comparison | ours | bare OpenSSL | ratio ours / bare | bare / ours | ratio of the fastest rounds | wall-clock ratio | rounds |")
+w("|---|---:|---:|---:|---:|---:|---:|---:|")
 pair_rows = [("Pair/Load/%d" % n, "opening, N = %d (per certificate)" % n) for n in sizes]
 pair_rows += [("Pair/Lookup/%d" % n, "getCertificate with key, N = %d" % n) for n in sizes]
 pair_rows += [("Pair/SelfSigned", "createSelfSignedKeyPair"), ("Pair/Csr", "createCsr")]
 for name, label in pair_rows:
     r = pair(name, "ratio")
-    w("| %s | %s | %s | %s | %s | %s | %s |" % (
+    w("| %s | %s | %s | %s | %s | %s | %s | %s |" % (
         label, fmt_time(pair(name, "ours_us") * 1e-6 if pair(name, "ours_us") else None),
         fmt_time(pair(name, "theirs_us") * 1e-6 if pair(name, "theirs_us") else None),
         fmt_ratio(r, 3), fmt_ratio(1 / r if r else None, 1),
-        fmt_ratio(pair(name, "ratio_of_minimums"), 3), "%d" % pair(name, "rounds") if pair(name, "rounds") else "n/a"))
+        fmt_ratio(pair(name, "ratio_of_minimums"), 3), fmt_ratio(pair(name, "wall_ratio"), 3),
+        "%d" % pair(name, "rounds") if pair(name, "rounds") else "n/a"))
 w("")
 
 # --- Memory
@@ -285,16 +299,33 @@ w("## Targets")
 w("")
 w("| target | measured | |")
 w("|---|---|---|")
+# The probe's opening of the largest store in processes of their own, CPU time.
+def probe_speedup():
+    rows_c, rows_b = cpu_rows("cpu-cache.txt"), cpu_rows("cpu-openssl.txt")
+    if not rows_c or not rows_b:
+        return None
+    total = lambda rows: statistics.median(float(r["user_ms"]) + float(r["system_ms"]) for r in rows)
+    return total(rows_b) / total(rows_c)
+
+
 load_speedup = {}
 for n in sizes:
     r = pair("Pair/Load/%d" % n, "ratio")
     load_speedup[n] = 1 / r if r else None
     if n < 10000:
         continue
-    w("| loading at least 10 times faster than the bare OpenSSL loop, N = %d | %s× side by side (%s× separately, %s× in CPU time) | %s |" % (
-        n, fmt_ratio(load_speedup[n]), fmt_ratio(ratio(load[n][1], load[n][0])),
-        fmt_ratio(ratio(load_cpu[n][1], load_cpu[n][0])),
-        met(load_speedup[n] is not None and load_speedup[n] >= 10)))
+    wall = pair("Pair/Load/%d" % n, "wall_ratio")
+    candidates = [load_speedup[n]]
+    probe_text = ""
+    if n == large:
+        probe = probe_speedup()
+        candidates.append(probe)
+        probe_text = "; %s× in processes of their own" % fmt_ratio(probe)
+    lowest = min((c for c in candidates if c is not None), default=None)
+    load_speedup[n] = lowest
+    w("| loading at least 10 times faster than the bare OpenSSL loop, N = %d (judged on the lowest CPU-time figure) | %s× side by side in CPU time (%s× wall)%s; separately %s× wall | %s |" % (
+        n, fmt_ratio(1 / r if r else None), fmt_ratio(1 / wall if wall else None), probe_text,
+        fmt_ratio(ratio(load[n][1], load[n][0])), met(lowest is not None and lowest >= 10)))
 for n in sizes:
     c, o, bs, bl, g = load[n]
     ok = c is not None and all(x is not None and c < x for x in (bs, bl, g))
@@ -310,13 +341,13 @@ if len(sizes) > 1:
         fmt_ratio(ratio(per_large, per_small), 2), met(scaling is not None and scaling <= 1.25)))
 lookup_pairs = [pair("Pair/Lookup/%d" % n, "ratio") for n in sizes]
 worst_lookup = max((v for v in lookup_pairs if v is not None), default=None)
-w("| lookup with key within 1.05 of bare OpenSSL | worst %s side by side; %s in instructions | %s |" % (
+w("| lookup with key within 1.05 of bare OpenSSL | worst %s side by side in CPU time; %s in instructions | %s |" % (
     fmt_ratio(worst_lookup, 3), fmt_ratio(lookup_instr_ratio, 4),
     met(worst_lookup is not None and worst_lookup <= 1.05)))
 for key in ("SelfSigned", "Csr"):
     creation[key] = pair("Pair/%s" % key, "ratio")
 for op, label in [("SelfSigned", "self-signed pair"), ("Csr", "request")]:
-    w("| %s within 1.05 of bare OpenSSL | %s side by side | %s |" % (
+    w("| %s within 1.05 of bare OpenSSL | %s side by side in CPU time | %s |" % (
         label, fmt_ratio(creation[op], 3), met(creation[op] is not None and creation[op] <= 1.05)))
 w("| peak resident memory over %d certificates under 64 MiB | %.1f MiB | %s |" % (large, peak / 1024, met(peak < 64 * 1024)))
 w("| no certificate object kept by the cache | %.0f bytes per entry | %s |" % (
@@ -326,17 +357,6 @@ w("")
 # --- Where the time goes
 w("## Where the time goes")
 w("")
-
-
-def cpu_rows(name):
-    rows = []
-    if os.path.exists(path(name)):
-        with open(path(name)) as f:
-            for line in f:
-                values = dict(re.findall(r"(\w+)=([\d.]+)", line))
-                if values:
-                    rows.append(values)
-    return rows
 
 
 cpu_cache = cpu_rows("cpu-cache.txt")
@@ -497,7 +517,10 @@ if missed and cpu_cache and cpu_bare and sc_cache and sc_bare:
     per_call = kernel_cache / calls_cache
     w("## Why the tenfold loading target is missed")
     w("")
-    w("Missed at N = %s. The user-space work is no longer the limit: per certificate the cache" % ", ".join(str(n) for n in missed))
+    w("Missed at N = %s on the lowest CPU-time figure. Under heavy outside load the bare loop" % ", ".join(str(n) for n in missed))
+    w("slows down more than the cache (its large user-space working set shares the cores'")
+    w("caches with the other processes), which lifts the ratio; on a quieter machine it falls")
+    w("below 10. The user-space work is no longer the limit: per certificate the cache")
     w("spends %.1f µs in user space against the bare loop's %.1f µs (and %.0f times fewer" % (user_cache, bu * 1e3 / large, ld_bare / ld_cache if ld_cache and ld_bare else 0))
     w("instructions). What remains is the kernel: %.1f µs per certificate for the cache, against" % kernel_cache)
     w("%.1f µs for the bare loop, for %.1f system calls against %.1f (about %.1f µs a call on this" % (kernel_bare, calls_cache, calls_bare, per_call))

@@ -1,5 +1,7 @@
 #include "pairedrun.h"
 
+#include <time.h>
+
 #include <algorithm>
 #include <chrono>
 #include <vector>
@@ -9,11 +11,23 @@ namespace bench {
 
 namespace {
 
-double timeOf(const std::function<bool(int)>& side, int round, bool& failed) {
+double threadCpuSeconds() {
+  timespec now{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+}
+
+struct Timing {
+  double cpu = 0;
+  double wall = 0;
+};
+
+Timing timeOf(const std::function<bool(int)>& side, int round, bool& failed) {
+  const double cpuStart = threadCpuSeconds();
   const auto start = std::chrono::steady_clock::now();
   if (!side(round)) failed = true;
   const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-  return took.count();
+  return Timing{threadCpuSeconds() - cpuStart, took.count()};
 }
 
 double medianOf(std::vector<double> values) {
@@ -30,10 +44,11 @@ PairedResult runPaired(int rounds, const std::function<bool(int)>& ours,
   std::vector<double> oursTimes;
   std::vector<double> theirsTimes;
   std::vector<double> ratios;
+  std::vector<double> wallRatios;
   PairedResult result;
   for (int round = 0; round < rounds && !failed; ++round) {
-    double oursTime = 0;
-    double theirsTime = 0;
+    Timing oursTime;
+    Timing theirsTime;
     if (round % 2 == 0) {
       oursTime = timeOf(ours, round, failed);
       theirsTime = timeOf(theirs, round, failed);
@@ -41,16 +56,18 @@ PairedResult runPaired(int rounds, const std::function<bool(int)>& ours,
       theirsTime = timeOf(theirs, round, failed);
       oursTime = timeOf(ours, round, failed);
     }
-    oursTimes.push_back(oursTime);
-    theirsTimes.push_back(theirsTime);
-    ratios.push_back(oursTime / theirsTime);
-    result.total += oursTime + theirsTime;
+    oursTimes.push_back(oursTime.cpu);
+    theirsTimes.push_back(theirsTime.cpu);
+    ratios.push_back(oursTime.cpu / theirsTime.cpu);
+    wallRatios.push_back(oursTime.wall / theirsTime.wall);
+    result.total += oursTime.wall + theirsTime.wall;
   }
   if (failed || ratios.empty()) return result;
   result.rounds = static_cast<int>(ratios.size());
   result.oursMedian = medianOf(oursTimes);
   result.theirsMedian = medianOf(theirsTimes);
   result.ratioMedian = medianOf(ratios);
+  result.wallRatioMedian = medianOf(wallRatios);
   result.ratioOfMinimums = *std::min_element(oursTimes.begin(), oursTimes.end()) /
                            *std::min_element(theirsTimes.begin(), theirsTimes.end());
   return result;
@@ -61,6 +78,7 @@ void reportPaired(benchmark::State& state, const PairedResult& result, int units
   state.counters["theirs_us"] = result.theirsMedian * 1e6 / unitsPerRound;
   state.counters["ratio"] = result.ratioMedian;
   state.counters["ratio_of_minimums"] = result.ratioOfMinimums;
+  state.counters["wall_ratio"] = result.wallRatioMedian;
   state.counters["rounds"] = result.rounds;
 }
 

@@ -2,7 +2,9 @@
 // cores shared with other processes: our operation and the bare one run in
 // alternation, round after round, so a burst of outside load falls on both
 // sides alike, and the median of the per-round ratios discards the rounds
-// that a burst still hit unevenly.
+// that a burst still hit unevenly. Each side is timed in the thread's CPU time
+// (user and system), which time spent waiting for a core does not inflate, and
+// in wall-clock time.
 #ifndef TAVIK_BENCH_PAIREDRUN_H_
 #define TAVIK_BENCH_PAIREDRUN_H_
 
@@ -14,11 +16,12 @@ namespace tavik {
 namespace bench {
 
 struct PairedResult {
-  double oursMedian = 0;    // seconds per round, median over the rounds
+  double oursMedian = 0;    // CPU seconds per round, median over the rounds
   double theirsMedian = 0;  // likewise
-  double ratioMedian = 0;   // median over the rounds of ours / theirs
+  double ratioMedian = 0;   // median over the rounds of ours / theirs, in CPU time
   double ratioOfMinimums = 0;
-  double total = 0;  // seconds spent in both, all rounds
+  double wallRatioMedian = 0;  // the same ratio in wall-clock time
+  double total = 0;            // seconds spent in both, all rounds
   int rounds = 0;
 };
 
@@ -30,7 +33,7 @@ PairedResult runPaired(int rounds, const std::function<bool(int)>& ours,
 
 // Puts a result into `state`'s counters: ours_us and theirs_us per unit of
 // work (a round's time divided by `unitsPerRound`), ratio (median of the
-// per-round ratios), ratio_of_minimums, rounds.
+// per-round ratios, CPU time), ratio_of_minimums, wall_ratio, rounds.
 void reportPaired(benchmark::State& state, const PairedResult& result, int unitsPerRound);
 
 }  // namespace bench
