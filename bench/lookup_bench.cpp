@@ -107,7 +107,7 @@ void lookupMiss(benchmark::State& state, const std::string& storesDir, std::size
 // getCertificate with key and the bare reads in alternation (see
 // pairedrun.h), on the same files in each round.
 void pairedLookup(benchmark::State& state, const std::string& storesDir, std::size_t count) {
-  constexpr int kRounds = 21;
+  constexpr int kRounds = 41;
   constexpr int kPerRound = 50;
   const CertFileCache& cache = openStore(storesDir, count).cache;
   const std::string dir = storeUserDir(storesDir, count);

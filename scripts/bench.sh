@@ -102,6 +102,8 @@ callgrind_annotate "$results/callgrind-load-cache.out" \
 # System calls of one opening of the smallest store, with the cache and the bare loop.
 for side in cache openssl; do
   strace -c -o "$results/strace-load-$side.txt" "$probe" load "$side" "$small" > /dev/null
+  strace -c -o "$results/strace-lookup-$side.txt" "$probe" lookup "$side" "$small" "$smallest" 1000 > /dev/null
+  strace -c -o "$results/strace-nolookup-$side.txt" "$probe" lookup "$side" "$small" "$smallest" 0 > /dev/null
 done
 
 # Where the wall-clock time of opening the largest store goes, kernel included.
