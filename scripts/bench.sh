@@ -77,10 +77,13 @@ root="$stores/store-$largest"
 "$probe" rss cache "$root" > "$results/rss-cache.txt"
 "$probe" rss none "$root" > "$results/rss-none.txt"
 
-# User and system CPU time of one opening, with the cache and the bare loop.
-for round in 1 2 3; do
-  "$probe" load cache "$root" >> "$results/cpu-cache.txt"
-  "$probe" load openssl "$root" >> "$results/cpu-openssl.txt"
+# User and system CPU time of one opening, with the cache and the bare loop, each
+# in a process of its own.
+for size in "${sizes[@]}"; do
+  for round in 1 2 3; do
+    "$probe" load cache "$stores/store-$size" >> "$results/cpu-cache-$size.txt"
+    "$probe" load openssl "$stores/store-$size" >> "$results/cpu-openssl-$size.txt"
+  done
 done
 
 # Instruction counts (callgrind) of the measured functions alone: opening the
