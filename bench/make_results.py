@@ -362,21 +362,32 @@ for n in sizes:
     ok = c is not None and all(x is not None and c < x for x in (bs, bl, g))
     w("| loading faster than Botan 2 and GnuTLS, N = %d | %s×, %s×, %s× | %s |" % (
         n, fmt_ratio(ratio(bs, c)), fmt_ratio(ratio(bl, c)), fmt_ratio(ratio(g, c)), met(ok)))
+def probe_per_certificate(n):
+    rows = cpu_rows("cpu-cache-%d.txt" % n)
+    if not rows:
+        return None
+    return statistics.median(float(r["user_ms"]) + float(r["system_ms"]) for r in rows) * 1e-3 / n
+
+
+scaling_missed = False
 if len(sizes) > 1:
     per_small_pair = pair("Pair/Load/%d" % small, "ours_us")
     per_large_pair = pair("Pair/Load/%d" % large, "ours_us")
     scaling = ratio(per_large_pair, per_small_pair)
-    w("| time per certificate at %d within 1.25 × that at %d | %s vs %s: %s (separately: %s) | %s |" % (
-        large, small, fmt_time(per_large_pair * 1e-6 if per_large_pair else None),
-        fmt_time(per_small_pair * 1e-6 if per_small_pair else None), fmt_ratio(scaling, 2),
-        fmt_ratio(ratio(per_large, per_small), 2), met(scaling is not None and scaling <= 1.25)))
+    probe_scaling = ratio(probe_per_certificate(large), probe_per_certificate(small))
+    highest = max((v for v in (scaling, probe_scaling) if v is not None), default=None)
+    scaling_missed = highest is None or highest > 1.25
+    w("| time per certificate at %d within 1.25 × that at %d (judged on the highest CPU-time figure) | %s side by side (%s vs %s); %s in processes of their own; separately %s wall | %s |" % (
+        large, small, fmt_ratio(scaling, 2), fmt_time(per_large_pair * 1e-6 if per_large_pair else None),
+        fmt_time(per_small_pair * 1e-6 if per_small_pair else None), fmt_ratio(probe_scaling, 2),
+        fmt_ratio(ratio(per_large, per_small), 2), met(not scaling_missed)))
 lookup_pairs = [pair("Pair/Lookup/%d" % n, "ratio") for n in sizes]
 worst_lookup = max((v for v in lookup_pairs if v is not None), default=None)
 # Instructions decide here: the lookups differ by far less than the few per cent
 # that outside load moves even CPU time by.
 lookup_ok = lookup_instr_ratio is not None and lookup_instr_ratio <= 1.05
-w("| lookup with key within 1.05 of bare OpenSSL (judged on instructions: CPU time moves by more than 5%% with the outside load) | %s in instructions; %s more system calls per lookup; side by side in CPU time %s | %s |" % (
-    fmt_ratio(lookup_instr_ratio, 4), fmt_ratio(extra_lookup_calls, 1),
+w("| lookup with key within 1.05 of bare OpenSSL (judged on instructions: CPU time moves by more than 5%% with the outside load) | %s in instructions; system calls per lookup %s against %s; side by side in CPU time %s | %s |" % (
+    fmt_ratio(lookup_instr_ratio, 4), fmt_ratio(lookup_calls_cache, 1), fmt_ratio(lookup_calls_bare, 1),
     ", ".join(fmt_ratio(v, 3) for v in lookup_pairs), met(lookup_ok)))
 for key in ("SelfSigned", "Csr"):
     creation[key] = pair("Pair/%s" % key, "ratio")
@@ -585,6 +596,18 @@ if missed and cpu_cache and cpu_bare and sc_cache and sc_bare:
     w("at the measured cost per call) and bring the CPU-time ratio to about %.1f. That code is the" % (
         total_bare / ((cu + cs) * 1e3 / large - 2 * per_call)))
     w("cache's own and was left as it stands here; see the report to the lead.")
+    w("")
+
+if scaling_missed:
+    w("## Why the time per certificate grows with the store")
+    w("")
+    w("CPU time per certificate of one opening in a process of its own: " + ", ".join(
+        "%s at %d" % (fmt_time(probe_per_certificate(n)), n) for n in sizes if probe_per_certificate(n)) + ".")
+    w("Two costs grow with N: inserting into the index, an ordered map of N entries")
+    w("(`addFileToCache` and the `memcmp` of its key comparisons are among the hottest user-space")
+    w("symbols at the largest size, above), and the kernel's name lookups in a directory of 2N")
+    w("entries (`__d_lookup_rcu`, the hottest symbol of all). The index must stay ordered by")
+    w("identifier; the lookups are the file system's.")
     w("")
 
 if errors:
