@@ -1,0 +1,25 @@
+# `cmake --install`: the library, its headers below include/tavik/ with their
+# paths, and a CMake package so that find_package(tavik_certcache) gives the
+# target tavik::certcache. (The tool installs itself to bin/ in its own directory.)
+include(CMakePackageConfigHelpers)
+
+set(TAVIK_CERTCACHE_CMAKE_DIR lib/cmake/tavik_certcache)
+
+install(TARGETS tavik_certcache EXPORT tavik_certcacheTargets
+  ARCHIVE DESTINATION lib
+  LIBRARY DESTINATION lib)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/ DESTINATION include/tavik
+  FILES_MATCHING PATTERN "*.h")
+install(EXPORT tavik_certcacheTargets
+  NAMESPACE tavik::
+  DESTINATION ${TAVIK_CERTCACHE_CMAKE_DIR})
+
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/tavik_certcacheConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/tavik_certcacheConfig.cmake
+  INSTALL_DESTINATION ${TAVIK_CERTCACHE_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/tavik_certcacheConfigVersion.cmake
+  COMPATIBILITY SameMinorVersion)
+install(FILES
+  ${PROJECT_BINARY_DIR}/tavik_certcacheConfig.cmake
+  ${PROJECT_BINARY_DIR}/tavik_certcacheConfigVersion.cmake
+  DESTINATION ${TAVIK_CERTCACHE_CMAKE_DIR})

@@ -1,0 +1,93 @@
+#!/usr/bin/env bash
+# The main job: the whole road of a certificate, in a new temporary store, with
+# the certcache tool and the openssl tool acting as the signing authority.
+# Installs what is missing, builds the tool, and prints every command before it
+# runs it. Exits non-zero as soon as a step fails.
+#   scripts/demo.sh
+set -euo pipefail
+cd "$(dirname "$0")/.."
+project=$(pwd)
+
+scripts/setup.sh
+cmake -S . -B build -DCMAKE_BUILD_TYPE=Debug >/dev/null
+cmake --build build -j "$(nproc)" --target certcache >/dev/null
+export PATH="$project/build/tools/certcache:$PATH"
+
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+# A command as a person would type it: arguments quoted where the shell needs it.
+show_command() {
+  local line="" arg
+  for arg in "$@"; do
+    if [[ "$arg" =~ ^[A-Za-z0-9@%+=:,./_-]+$ ]]; then line+=" $arg"; else line+=" '$arg'"; fi
+  done
+  printf '\n$%s\n' "$line"
+}
+# Prints a command, then runs it.
+step() {
+  show_command "$@"
+  "$@"
+}
+# The same for a command whose expected exit status is not 0.
+step_expecting() {
+  local expected=$1
+  shift
+  show_command "$@"
+  local status=0
+  "$@" || status=$?
+  if [ "$status" -ne "$expected" ]; then
+    echo "demo: expected exit status $expected, got $status" >&2
+    exit 1
+  fi
+  echo "(exit status $status, as expected)"
+}
+section() { printf '\n### %s\n' "$*"; }
+
+section "A new store; the password of every key comes from the environment"
+printf '$ export CERTCACHE_STORE=%s/store CERT_PW=...\n' "$work"
+export CERTCACHE_STORE="$work/store"
+export CERT_PW="demo-only-password"
+
+section "1. A self-signed key pair, and the list"
+echo "(The library warns once that the new store holds no certificates yet.)"
+step certcache --passin env:CERT_PW self-signed --email alice@example.org
+step certcache list --long
+
+section "2. A certificate request; its key waits in the store as a .tpk file"
+step certcache --passin env:CERT_PW request --email bob@example.org --out bob.csr
+step ls "$CERTCACHE_STORE/user"
+
+section "3. The openssl tool signs it, as an authority would"
+step openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout ca.key -out ca.crt \
+  -subj "/CN=Demo Authority" -days 365
+step openssl x509 -req -in bob.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days 60 -out bob.crt
+
+section "4. Install the signed certificate: the pending key becomes its key"
+step certcache install bob.crt
+step ls "$CERTCACHE_STORE/user"
+step certcache list --long
+
+section "5. Show it, with its key (password) and as JSON (certificate alone)"
+step certcache --passin env:CERT_PW show bob@example.org
+step certcache --json show alice@example.org
+step certcache files bob_at_example.org
+
+section "6. What expires within 90 days (exit 20 when something is due)"
+step_expecting 20 certcache expiring --days 90
+
+section "7. Rename the files of a certificate, and remove another"
+step certcache rename bob_at_example.org bob-2026
+step certcache list --long
+step certcache remove alice@example.org
+step certcache list --long
+
+section "8. An abandoned request, cancelled"
+step certcache --passin env:CERT_PW request --email carol@example.org --subject carol-laptop \
+  --out carol.csr
+step ls "$CERTCACHE_STORE/user"
+step certcache cancel-request --email carol@example.org --subject carol-laptop
+step ls -l "$CERTCACHE_STORE/user"
+
+printf '\ndemo: every step succeeded; certcache --help tells the rest\n'

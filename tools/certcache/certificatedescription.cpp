@@ -1,0 +1,84 @@
+#include "certificatedescription.h"
+
+#include <openssl/asn1.h>
+#include <openssl/bn.h>
+#include <openssl/evp.h>
+
+#include <memory>
+
+#include "base/opensslutil.h"
+#include "toolerror.h"
+
+namespace tavik {
+namespace cli {
+
+namespace {
+
+using BignumPtr = std::unique_ptr<BIGNUM, openssl_detail::Deleter<BIGNUM, BN_free>>;
+
+[[noreturn]] void unreadable(const char* field) {
+  throw ToolError(kExitIoError, std::string("the certificate's ") + field + " cannot be read");
+}
+
+std::string nameText(const X509_NAME* name, const char* field) {
+  BioPtr bio(BIO_new(BIO_s_mem()));
+  if (!bio || X509_NAME_print_ex(bio.get(), name, 0, XN_FLAG_RFC2253) < 0) unreadable(field);
+  char* data = nullptr;
+  const long length = BIO_get_mem_data(bio.get(), &data);
+  return std::string(data, static_cast<std::size_t>(length));
+}
+
+std::string serialText(const ASN1_INTEGER* serial) {
+  BignumPtr number(ASN1_INTEGER_to_BN(serial, nullptr));
+  if (!number) unreadable("serial number");
+  OpenSslBytesPtr hex(reinterpret_cast<unsigned char*>(BN_bn2hex(number.get())));
+  if (!hex) unreadable("serial number");
+  return reinterpret_cast<const char*>(hex.get());
+}
+
+std::time_t timeValue(const ASN1_TIME* time, const char* field) {
+  std::tm broken{};
+  if (time == nullptr || ASN1_TIME_to_tm(time, &broken) != 1) unreadable(field);
+  return ::timegm(&broken);
+}
+
+std::string sha256Text(X509* cert) {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (X509_digest(cert, EVP_sha256(), digest, &length) != 1) unreadable("fingerprint");
+  static const char kHex[] = "0123456789abcdef";
+  std::string text;
+  for (unsigned int i = 0; i < length; ++i) {
+    text.push_back(kHex[digest[i] >> 4]);
+    text.push_back(kHex[digest[i] & 0x0f]);
+  }
+  return text;
+}
+
+}  // namespace
+
+std::string formatTime(std::time_t time) {
+  std::tm broken{};
+  ::gmtime_r(&time, &broken);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &broken);
+  return text;
+}
+
+CertificateDescription describeCertificate(X509* cert, std::time_t now) {
+  CertificateDescription description;
+  description.subject = nameText(X509_get_subject_name(cert), "subject");
+  description.issuer = nameText(X509_get_issuer_name(cert), "issuer");
+  description.serial = serialText(X509_get0_serialNumber(cert));
+  description.notBeforeTime = timeValue(X509_get0_notBefore(cert), "start of validity");
+  description.notAfterTime = timeValue(X509_get0_notAfter(cert), "end of validity");
+  description.notBefore = formatTime(description.notBeforeTime);
+  description.notAfter = formatTime(description.notAfterTime);
+  description.expired = description.notAfterTime < now;
+  description.notYetValid = description.notBeforeTime > now;
+  description.sha256 = sha256Text(cert);
+  return description;
+}
+
+}  // namespace cli
+}  // namespace tavik

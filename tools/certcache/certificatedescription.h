@@ -1,0 +1,38 @@
+// What the tool tells about one certificate: names, serial, validity and
+// fingerprint, in the forms that its output promises.
+#ifndef TAVIK_TOOLS_CERTCACHE_CERTIFICATEDESCRIPTION_H_
+#define TAVIK_TOOLS_CERTCACHE_CERTIFICATEDESCRIPTION_H_
+
+#include <openssl/x509.h>
+
+#include <ctime>
+#include <string>
+
+namespace tavik {
+namespace cli {
+
+struct CertificateDescription {
+  std::string subject;    // OpenSSL's one-line RFC 2253 form
+  std::string issuer;     // likewise
+  std::string serial;     // upper-case hex without colons
+  std::string notBefore;  // 2010-01-01T00:00:00Z
+  std::string notAfter;
+  std::time_t notBeforeTime = 0;
+  std::time_t notAfterTime = 0;
+  bool expired = false;      // notAfter lies before `now`
+  bool notYetValid = false;  // notBefore lies after `now`
+  std::string sha256;        // of the DER encoding, lower-case hex without colons
+};
+
+// Describes `cert` (borrowed, not null) as seen at time `now`. Throws ToolError
+// (74) when a field cannot be read, which a certificate that OpenSSL decoded
+// does not normally give.
+CertificateDescription describeCertificate(X509* cert, std::time_t now);
+
+// Formats a time as 2010-01-01T00:00:00Z.
+std::string formatTime(std::time_t time);
+
+}  // namespace cli
+}  // namespace tavik
+
+#endif  // TAVIK_TOOLS_CERTCACHE_CERTIFICATEDESCRIPTION_H_

@@ -1,0 +1,45 @@
+// The tool's command line: global options, one command, and the command's
+// own options and arguments, parsed with CLI11.
+#ifndef TAVIK_TOOLS_CERTCACHE_COMMANDLINE_H_
+#define TAVIK_TOOLS_CERTCACHE_COMMANDLINE_H_
+
+#include <string>
+
+#include "storesession.h"
+
+namespace tavik {
+namespace cli {
+
+// Everything one run of the tool was asked to do.
+struct Invocation {
+  // Global options.
+  StoreOptions store;
+  std::string passin;  // the --passin spec; empty when none was given
+  std::string logLevel = "warning";
+  bool json = false;
+
+  std::string command;  // list, show, files, self-signed, ...
+
+  // The commands' options and arguments; each command reads its own.
+  bool longList = false;
+  std::string id;           // show, remove, install --id
+  std::string baseName;     // files, rename
+  std::string newBaseName;  // rename
+  std::string email;
+  std::string subject;
+  std::string outFile;    // request --out
+  std::string inputFile;  // install FILE; empty: standard input
+  bool overwrite = false;
+  bool noTempKey = false;
+  int days = 30;
+};
+
+// Parses the command line into `invocation`. Returns -1 when the command is
+// to run; otherwise the status to exit with: 0 after printing help, 64 after a
+// usage error, whose one line it has printed on standard error.
+int parseCommandLine(int argc, char** argv, Invocation& invocation);
+
+}  // namespace cli
+}  // namespace tavik
+
+#endif  // TAVIK_TOOLS_CERTCACHE_COMMANDLINE_H_

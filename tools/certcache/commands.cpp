@@ -1,0 +1,287 @@
+#include "commands.h"
+
+#include <boost/filesystem/operations.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <memory>
+
+#include "base/certificate.h"
+#include "certificatedescription.h"
+#include "output.h"
+#include "passwordsource.h"
+#include "resultwords.h"
+#include "toolerror.h"
+
+namespace tavik {
+namespace cli {
+
+namespace {
+
+namespace fs = boost::filesystem;
+
+// No certificate comes near this; the library refuses larger text anyway, so
+// reading stops here rather than taking in an endless stream.
+constexpr std::size_t kMaxCertificateBytes = std::size_t{1024} * 1024;
+
+// The cache uses base names as they stand, so one taken from a person must not
+// leave the cache directory.
+void checkBaseName(const std::string& baseName) {
+  if (baseName.empty() || baseName == "." || baseName == ".." ||
+      baseName.find('/') != std::string::npos || baseName.find('\0') != std::string::npos) {
+    throw ToolError(kExitUsage, "'" + baseName +
+                                    "' is not a file base name: it must be non-empty, not . "
+                                    "or .., and hold no / or NUL");
+  }
+}
+
+void failOnResult(int result, const std::string& what) {
+  if (result != CertFileCache::kDone) throw ToolError(result, what + ": " + describeResult(result));
+}
+
+// Reads a certificate alone, without its key: by the index's base name, the
+// file in the root, and the certificate factory.
+std::shared_ptr<Certificate> readCertificateAlone(const CertFileCache& cache, const std::string& id,
+                                                  std::string& baseName) {
+  baseName = cache.getFileBaseName(id);
+  if (baseName.empty()) {
+    throw ToolError(lookupExitStatus(CertFileCache::kNotInIndex),
+                    describeLookupError(CertFileCache::kNotInIndex, id));
+  }
+  std::string keyFile;
+  std::string certFile;
+  failOnResult(cache.getFileInfo(baseName, keyFile, certFile), "'" + id + "'");
+  std::shared_ptr<Certificate> certificate = Certificate::createFromFile(certFile, true);
+  if (!certificate || certificate->getX509() == nullptr) {
+    throw ToolError(lookupExitStatus(CertFileCache::kCertUnreadable),
+                    describeLookupError(CertFileCache::kCertUnreadable, id));
+  }
+  return certificate;
+}
+
+std::string readInput(const std::string& file) {
+  std::ifstream stream;
+  std::istream* in = &std::cin;
+  const std::string name = file.empty() ? std::string("standard input") : file;
+  if (!file.empty()) {
+    stream.open(file, std::ios::binary);
+    if (!stream) {
+      throw ToolError(kExitNoInput, "cannot read " + file + ": " + std::strerror(errno));
+    }
+    in = &stream;
+  }
+  std::string text(kMaxCertificateBytes + 1, '\0');
+  in->read(&text[0], static_cast<std::streamsize>(text.size()));
+  if (in->bad()) throw ToolError(kExitNoInput, "cannot read " + name);
+  text.resize(static_cast<std::size_t>(in->gcount()));
+  return text;
+}
+
+int listCommand(const Invocation& invocation, std::ostream& out) {
+  StoreSession session(invocation.store, false);
+  std::vector<std::string> ids;
+  session.cache().listIds(ids);
+  std::vector<ListEntry> entries;
+  entries.reserve(ids.size());
+  for (const std::string& id : ids) entries.push_back({id, session.cache().getFileBaseName(id)});
+  printList(out, entries, invocation.longList, invocation.json);
+  return kExitOk;
+}
+
+int showCommand(const Invocation& invocation, std::ostream& out) {
+  const bool withPassword = !invocation.passin.empty();
+  const std::string password = withPassword ? readPassword(invocation.passin, false) : "";
+  StoreSession session(invocation.store, false);
+
+  ShowRecord record;
+  record.id = invocation.id;
+  std::shared_ptr<Certificate> certificate;
+  if (withPassword) {
+    int errorCode = CertFileCache::kFound;
+    certificate = session.cache().getCertificate(invocation.id, password, errorCode, true);
+    if (!certificate) {
+      throw ToolError(lookupExitStatus(errorCode), describeLookupError(errorCode, invocation.id));
+    }
+    record.baseName = session.cache().getFileBaseName(invocation.id);
+    record.hasKey = certificate->getPrivateKey() != nullptr;
+  } else {
+    certificate = readCertificateAlone(session.cache(), invocation.id, record.baseName);
+  }
+  record.certificate = describeCertificate(certificate->getX509(), std::time(nullptr));
+  printShow(out, record, invocation.json);
+  return kExitOk;
+}
+
+int filesCommand(const Invocation& invocation, std::ostream& out) {
+  checkBaseName(invocation.baseName);
+  StoreSession session(invocation.store, false);
+  std::string keyFile;
+  std::string certFile;
+  failOnResult(session.cache().getFileInfo(invocation.baseName, keyFile, certFile),
+               "'" + invocation.baseName + "'");
+  printFiles(out, certFile, keyFile, session.withKeys(), invocation.json);
+  return kExitOk;
+}
+
+int selfSignedCommand(const Invocation& invocation, std::ostream& out) {
+  const std::string password = readPassword(invocation.passin, true);
+  StoreSession session(invocation.store, true);
+  const int flags = invocation.overwrite ? CertFileCache::overwriteExisting : 0;
+  failOnResult(session.cache().createSelfSignedKeyPair(invocation.subject, invocation.email,
+                                                       password, flags),
+               "no self-signed pair made for '" + invocation.email + "'");
+  out << "made a key and a self-signed certificate for " << invocation.email << '\n';
+  return kExitOk;
+}
+
+// The --out file of a request, opened before the request is made so that an
+// unwritable path fails before any key exists, and removed again when the
+// request is not made and the file was new.
+class RequestOutput {
+ public:
+  explicit RequestOutput(const std::string& path) : path_(path) {
+    boost::system::error_code error;
+    existed_ = fs::exists(fs::symlink_status(path, error));
+    stream_.open(path, std::ios::binary | std::ios::trunc);
+    if (!stream_) {
+      throw ToolError(kExitIoError, "cannot write " + path + ": " + std::strerror(errno));
+    }
+  }
+  ~RequestOutput() {
+    if (done_) return;
+    stream_.close();
+    if (!existed_) std::remove(path_.c_str());
+  }
+  RequestOutput(const RequestOutput&) = delete;
+  RequestOutput& operator=(const RequestOutput&) = delete;
+
+  void write(const std::string& text) {
+    stream_ << text;
+    stream_.close();
+    if (!stream_) throw ToolError(kExitIoError, "cannot write " + path_);
+    done_ = true;
+  }
+
+ private:
+  std::string path_;
+  std::ofstream stream_;
+  bool existed_ = false;
+  bool done_ = false;
+};
+
+int requestCommand(const Invocation& invocation, std::ostream& out) {
+  const std::string password = readPassword(invocation.passin, true);
+  std::unique_ptr<RequestOutput> file;
+  if (!invocation.outFile.empty()) file = std::make_unique<RequestOutput>(invocation.outFile);
+  StoreSession session(invocation.store, true);
+
+  int flags = invocation.overwrite ? CertFileCache::overwriteExisting : 0;
+  if (invocation.noTempKey) flags |= CertFileCache::skipTemporaryKey;
+  std::string csr;
+  failOnResult(
+      session.cache().createCsr(invocation.subject, invocation.email, password, flags, csr),
+      "no request made for '" + invocation.email + "'");
+  if (!file) {
+    out << csr;
+    return kExitOk;
+  }
+  file->write(csr);
+  out << "wrote the certificate request for " << invocation.email << " to " << invocation.outFile
+      << '\n';
+  return kExitOk;
+}
+
+int cancelRequestCommand(const Invocation& invocation, std::ostream& out) {
+  StoreSession session(invocation.store, false);
+  failOnResult(session.cache().cleanupCsr(invocation.subject, invocation.email),
+               "no request cancelled for '" + invocation.email + "'");
+  out << "cancelled the pending request for " << invocation.email << '\n';
+  return kExitOk;
+}
+
+int installCommand(const Invocation& invocation, std::ostream& out) {
+  const std::string text = readInput(invocation.inputFile);
+  // Checked here, not only by the cache, so that the person hears which of the
+  // cache's failures it was, and nothing is made on disk for it.
+  if (!Certificate::createFromBase64(text)) {
+    throw ToolError(CertFileCache::kFailed,
+                    "the input is not a certificate (PEM or base64 of one was expected)");
+  }
+  StoreSession session(invocation.store, true);
+  failOnResult(session.cache().saveCert(invocation.id, text, invocation.overwrite),
+               "the certificate was not installed");
+  out << "installed the certificate\n";
+  return kExitOk;
+}
+
+int renameCommand(const Invocation& invocation, std::ostream& out) {
+  checkBaseName(invocation.baseName);
+  checkBaseName(invocation.newBaseName);
+  StoreSession session(invocation.store, false);
+  failOnResult(session.cache().renameCert(invocation.baseName, invocation.newBaseName),
+               "'" + invocation.baseName + "' was not renamed");
+  out << "renamed " << invocation.baseName << " to " << invocation.newBaseName << '\n';
+  return kExitOk;
+}
+
+int removeCommand(const Invocation& invocation, std::ostream& out) {
+  StoreSession session(invocation.store, false);
+  failOnResult(session.cache().removeCert(invocation.id),
+               "'" + invocation.id + "' was not removed");
+  out << "removed " << invocation.id << '\n';
+  return kExitOk;
+}
+
+int expiringCommand(const Invocation& invocation, std::ostream& out) {
+  StoreSession session(invocation.store, false);
+  const std::time_t now = std::time(nullptr);
+  const std::time_t cutoff = now + static_cast<std::time_t>(invocation.days) * 24 * 60 * 60;
+
+  std::vector<std::string> ids;
+  session.cache().listIds(ids);
+  std::vector<ExpiringEntry> entries;
+  int failure = kExitOk;
+  for (const std::string& id : ids) {
+    try {
+      std::string baseName;
+      std::shared_ptr<Certificate> certificate =
+          readCertificateAlone(session.cache(), id, baseName);
+      const CertificateDescription description = describeCertificate(certificate->getX509(), now);
+      if (description.notAfterTime <= cutoff) {
+        entries.push_back({id, description.notAfter, description.expired});
+      }
+    } catch (const ToolError& error) {
+      // One unreadable certificate must not hide the others from a monitoring
+      // check; it is told on its own line and decides the exit status.
+      std::cerr << "certcache: expiring: " << error.what() << '\n';
+      if (failure == kExitOk) failure = error.status();
+    }
+  }
+  printExpiring(out, entries, invocation.json);
+  if (failure != kExitOk) return failure;
+  return entries.empty() ? kExitOk : kExitDue;
+}
+
+}  // namespace
+
+int runCommand(const Invocation& invocation, std::ostream& out) {
+  const std::string& command = invocation.command;
+  if (command == "list") return listCommand(invocation, out);
+  if (command == "show") return showCommand(invocation, out);
+  if (command == "files") return filesCommand(invocation, out);
+  if (command == "self-signed") return selfSignedCommand(invocation, out);
+  if (command == "request") return requestCommand(invocation, out);
+  if (command == "cancel-request") return cancelRequestCommand(invocation, out);
+  if (command == "install") return installCommand(invocation, out);
+  if (command == "rename") return renameCommand(invocation, out);
+  if (command == "remove") return removeCommand(invocation, out);
+  if (command == "expiring") return expiringCommand(invocation, out);
+  throw ToolError(kExitUsage, "unknown command '" + command + "'");
+}
+
+}  // namespace cli
+}  // namespace tavik

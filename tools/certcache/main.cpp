@@ -1,0 +1,67 @@
+// certcache: the command-line tool over the certificate file cache.
+#include <sys/stat.h>
+
+#include <boost/filesystem/exception.hpp>
+#include <exception>
+#include <iostream>
+#include <new>
+
+#include "commandline.h"
+#include "commands.h"
+#include "log/log.h"
+#include "toolerror.h"
+
+namespace {
+
+using tavik::LogMask;
+
+// The library's statements go to stderr from `level` up; "off" silences them.
+void setUpLogging(const std::string& level) {
+  if (level == "off") {
+    tavik::LogFacility::setUp(false);
+    return;
+  }
+  unsigned levels = LogMask::error;
+  if (level != "error") levels |= LogMask::warning;
+  if (level == "info" || level == "debug" || level == "trace") levels |= LogMask::info;
+  if (level == "debug" || level == "trace") levels |= LogMask::debug;
+  if (level == "trace") levels |= LogMask::trace;
+  tavik::LogFacility::setSink(nullptr);
+  tavik::LogFacility::setLevels(levels);
+  tavik::LogFacility::setUp(true);
+}
+
+int fail(const std::string& command, const char* message, int status) {
+  std::cerr << "certcache: " << command << ": " << message << '\n';
+  return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Before anything else: a key file must never be readable by others, not
+  // even between its creation and the cache's restriction of it.
+  ::umask(077);
+
+  tavik::cli::Invocation invocation;
+  const int parsed = tavik::cli::parseCommandLine(argc, argv, invocation);
+  if (parsed >= 0) return parsed;
+
+  try {
+    setUpLogging(invocation.logLevel);
+    const int status = tavik::cli::runCommand(invocation, std::cout);
+    std::cout.flush();
+    if (!std::cout) {
+      return fail(invocation.command, "cannot write to standard output", tavik::cli::kExitIoError);
+    }
+    return status;
+  } catch (const tavik::cli::ToolError& error) {
+    return fail(invocation.command, error.what(), error.status());
+  } catch (const boost::filesystem::filesystem_error& error) {
+    return fail(invocation.command, error.what(), tavik::cli::kExitIoError);
+  } catch (const std::bad_alloc&) {
+    return fail(invocation.command, "out of memory", tavik::cli::kExitIoError);
+  } catch (const std::exception& error) {
+    return fail(invocation.command, error.what(), tavik::cli::kExitIoError);
+  }
+}

@@ -1,0 +1,99 @@
+#include "output.h"
+
+#include <nlohmann/json.hpp>
+
+namespace tavik {
+namespace cli {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// Identifiers and paths come from files and certificates and need not be
+// UTF-8; such bytes are replaced rather than failing the whole output.
+void writeJson(std::ostream& out, const Json& value) {
+  out << value.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+const char* boolText(bool value) { return value ? "true" : "false"; }
+
+}  // namespace
+
+void printList(std::ostream& out, const std::vector<ListEntry>& entries, bool longForm, bool json) {
+  if (json) {
+    Json array = Json::array();
+    for (const ListEntry& entry : entries) {
+      if (longForm) {
+        array.push_back({{"id", entry.id}, {"base_name", entry.baseName}});
+      } else {
+        array.push_back(entry.id);
+      }
+    }
+    writeJson(out, array);
+    return;
+  }
+  for (const ListEntry& entry : entries) {
+    out << entry.id;
+    if (longForm) out << '\t' << entry.baseName;
+    out << '\n';
+  }
+}
+
+void printShow(std::ostream& out, const ShowRecord& record, bool json) {
+  const CertificateDescription& cert = record.certificate;
+  if (json) {
+    writeJson(out, Json{{"id", record.id},
+                        {"base_name", record.baseName},
+                        {"subject", cert.subject},
+                        {"issuer", cert.issuer},
+                        {"serial", cert.serial},
+                        {"not_before", cert.notBefore},
+                        {"not_after", cert.notAfter},
+                        {"expired", cert.expired},
+                        {"not_yet_valid", cert.notYetValid},
+                        {"sha256", cert.sha256},
+                        {"has_key", record.hasKey}});
+    return;
+  }
+  out << "id: " << record.id << '\n'
+      << "base_name: " << record.baseName << '\n'
+      << "subject: " << cert.subject << '\n'
+      << "issuer: " << cert.issuer << '\n'
+      << "serial: " << cert.serial << '\n'
+      << "not_before: " << cert.notBefore << '\n'
+      << "not_after: " << cert.notAfter << '\n'
+      << "expired: " << boolText(cert.expired) << '\n'
+      << "not_yet_valid: " << boolText(cert.notYetValid) << '\n'
+      << "sha256: " << cert.sha256 << '\n'
+      << "has_key: " << boolText(record.hasKey) << '\n';
+}
+
+void printFiles(std::ostream& out, const std::string& certFile, const std::string& keyFile,
+                bool hasKey, bool json) {
+  if (json) {
+    writeJson(out,
+              Json{{"certificate", certFile}, {"key", hasKey ? Json(keyFile) : Json(nullptr)}});
+    return;
+  }
+  out << "certificate: " << certFile << '\n';
+  if (hasKey) out << "key: " << keyFile << '\n';
+}
+
+void printExpiring(std::ostream& out, const std::vector<ExpiringEntry>& entries, bool json) {
+  if (json) {
+    Json array = Json::array();
+    for (const ExpiringEntry& entry : entries) {
+      array.push_back(
+          {{"id", entry.id}, {"not_after", entry.notAfter}, {"expired", entry.expired}});
+    }
+    writeJson(out, array);
+    return;
+  }
+  for (const ExpiringEntry& entry : entries) {
+    out << entry.id << '\t' << entry.notAfter << '\t' << (entry.expired ? "expired" : "due")
+        << '\n';
+  }
+}
+
+}  // namespace cli
+}  // namespace tavik

@@ -1,0 +1,51 @@
+// The tool's output on standard output, for people (lines) and for programs
+// (JSON with --json). The forms are fixed: scripts read them.
+#ifndef TAVIK_TOOLS_CERTCACHE_OUTPUT_H_
+#define TAVIK_TOOLS_CERTCACHE_OUTPUT_H_
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "certificatedescription.h"
+
+namespace tavik {
+namespace cli {
+
+struct ListEntry {
+  std::string id;
+  std::string baseName;
+};
+
+// Identifiers one a line, or with `longForm` ID<TAB>BASENAME; JSON: an array of
+// identifiers, or of {"id", "base_name"} objects.
+void printList(std::ostream& out, const std::vector<ListEntry>& entries, bool longForm, bool json);
+
+struct ShowRecord {
+  std::string id;
+  std::string baseName;
+  CertificateDescription certificate;
+  bool hasKey = false;
+};
+
+// Lines "field: value"; JSON: one object with the same fields.
+void printShow(std::ostream& out, const ShowRecord& record, bool json);
+
+// Lines "certificate: PATH" and, when `hasKey`, "key: PATH"; JSON: an object
+// whose "key" is null in a cache without keys.
+void printFiles(std::ostream& out, const std::string& certFile, const std::string& keyFile,
+                bool hasKey, bool json);
+
+struct ExpiringEntry {
+  std::string id;
+  std::string notAfter;
+  bool expired = false;  // already expired, rather than due within the window
+};
+
+// Lines ID<TAB>NOT_AFTER<TAB>expired|due; JSON: an array of {"id", "not_after", "expired"}.
+void printExpiring(std::ostream& out, const std::vector<ExpiringEntry>& entries, bool json);
+
+}  // namespace cli
+}  // namespace tavik
+
+#endif  // TAVIK_TOOLS_CERTCACHE_OUTPUT_H_

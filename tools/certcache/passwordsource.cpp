@@ -1,0 +1,157 @@
+#include "passwordsource.h"
+
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "toolerror.h"
+
+namespace tavik {
+namespace cli {
+
+namespace {
+
+// Far longer than any password a person types or a file holds; a source that
+// goes on past this is not a password file.
+constexpr std::size_t kMaxPasswordBytes = std::size_t{64} * 1024;
+
+const char kSpecForms[] = "pass:TEXT, env:VAR, file:PATH, fd:N or stdin";
+
+// Reads one line from `fd`, a byte at a time so that nothing after the line is
+// consumed (the rest of standard input may still be wanted). `what` names the
+// source in an error message.
+std::string readLine(int fd, const std::string& what) {
+  std::string line;
+  for (;;) {
+    char byte;
+    const ssize_t got = ::read(fd, &byte, 1);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) {
+      throw ToolError(kExitNoInput,
+                      "cannot read the password from " + what + ": " + std::strerror(errno));
+    }
+    if (got == 0 || byte == '\n') break;
+    if (line.size() == kMaxPasswordBytes) {
+      throw ToolError(kExitUsage, "the password from " + what + " is longer than " +
+                                      std::to_string(kMaxPasswordBytes) + " bytes");
+    }
+    line.push_back(byte);
+  }
+  if (!line.empty() && line.back() == '\r') line.pop_back();
+  return line;
+}
+
+std::string readFromFile(const std::string& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+  if (fd < 0) {
+    throw ToolError(kExitNoInput,
+                    "cannot read the password file " + path + ": " + std::strerror(errno));
+  }
+  try {
+    std::string password = readLine(fd, "the file " + path);
+    ::close(fd);
+    return password;
+  } catch (...) {
+    ::close(fd);
+    throw;
+  }
+}
+
+std::string readFromDescriptor(const std::string& number) {
+  if (number.empty() || number.size() > 9 ||
+      number.find_first_not_of("0123456789") != std::string::npos) {
+    throw ToolError(kExitUsage, "--passin fd: takes a file descriptor number, as in fd:3");
+  }
+  return readLine(std::atoi(number.c_str()), "file descriptor " + number);
+}
+
+// Switches the terminal's echo off for as long as it lives.
+class EchoOff {
+ public:
+  explicit EchoOff(int fd) : fd_(fd) {
+    if (::tcgetattr(fd_, &saved_) != 0) return;
+    termios quiet = saved_;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    restore_ = ::tcsetattr(fd_, TCSAFLUSH, &quiet) == 0;
+  }
+  ~EchoOff() {
+    if (restore_) ::tcsetattr(fd_, TCSAFLUSH, &saved_);
+  }
+  EchoOff(const EchoOff&) = delete;
+  EchoOff& operator=(const EchoOff&) = delete;
+
+ private:
+  int fd_;
+  termios saved_{};
+  bool restore_ = false;
+};
+
+std::string ask(const char* prompt) {
+  std::string answer;
+  {
+    // Echo goes off before the prompt shows: switching it flushes what was
+    // typed, and nothing typed after the prompt must be lost.
+    EchoOff echoOff(STDIN_FILENO);
+    std::fputs(prompt, stderr);
+    std::fflush(stderr);
+    answer = readLine(STDIN_FILENO, "the terminal");
+  }
+  std::fputs("\n", stderr);
+  return answer;
+}
+
+std::string prompt(bool confirm) {
+  if (!::isatty(STDIN_FILENO)) {
+    throw ToolError(kExitUsage, std::string("this command needs a password: give --passin (") +
+                                    kSpecForms + ")");
+  }
+  std::string password = ask("Password: ");
+  if (confirm && ask("Password again: ") != password) {
+    throw ToolError(kExitUsage, "the two passwords entered differ");
+  }
+  return password;
+}
+
+bool startsWith(const std::string& text, const char* prefix, std::string& rest) {
+  const std::size_t length = std::strlen(prefix);
+  if (text.compare(0, length, prefix) != 0) return false;
+  rest = text.substr(length);
+  return true;
+}
+
+std::string readFromSpec(const std::string& spec, bool confirm) {
+  std::string rest;
+  if (spec.empty()) return prompt(confirm);
+  if (startsWith(spec, "pass:", rest)) return rest;
+  if (startsWith(spec, "env:", rest)) {
+    const char* value = rest.empty() ? nullptr : std::getenv(rest.c_str());
+    if (value == nullptr) {
+      throw ToolError(kExitNoInput, "the environment variable '" + rest + "' is not set");
+    }
+    return value;
+  }
+  if (startsWith(spec, "file:", rest)) return readFromFile(rest);
+  if (startsWith(spec, "fd:", rest)) return readFromDescriptor(rest);
+  if (spec == "stdin") return readLine(STDIN_FILENO, "standard input");
+  // The spec itself is not repeated: a mistyped "pass:" would put the password
+  // on the screen.
+  throw ToolError(kExitUsage, std::string("--passin takes ") + kSpecForms);
+}
+
+}  // namespace
+
+std::string readPassword(const std::string& spec, bool confirm) {
+  std::string password = readFromSpec(spec, confirm);
+  if (password.find('\0') != std::string::npos) {
+    throw ToolError(kExitUsage, "the password holds a NUL byte, which cannot be used");
+  }
+  return password;
+}
+
+}  // namespace cli
+}  // namespace tavik

@@ -1,0 +1,33 @@
+// Getting a password the way the openssl tool's -passin takes one, or by
+// asking the person at the terminal.
+//
+// The password is returned to the caller and goes nowhere else: it is never
+// printed, logged, or put into an error message.
+#ifndef TAVIK_TOOLS_CERTCACHE_PASSWORDSOURCE_H_
+#define TAVIK_TOOLS_CERTCACHE_PASSWORDSOURCE_H_
+
+#include <string>
+
+namespace tavik {
+namespace cli {
+
+// Reads the password that `spec` names:
+//   pass:TEXT  the text itself
+//   env:VAR    the value of environment variable VAR
+//   file:PATH  the first line of the file
+//   fd:N       the first line read from file descriptor N
+//   stdin      the first line of standard input
+// A line ends at "\n" (a "\r" before it is dropped too). With an empty `spec`,
+// the person at the terminal is asked, without echo, and asked twice when
+// `confirm` is set (for commands that create a key); when standard input is no
+// terminal that is a usage error.
+//
+// Throws ToolError: 64 for a spec of no known form, a missing password, a
+// password holding a NUL byte or two entries that differ; 66 for a source that
+// cannot be read.
+std::string readPassword(const std::string& spec, bool confirm);
+
+}  // namespace cli
+}  // namespace tavik
+
+#endif  // TAVIK_TOOLS_CERTCACHE_PASSWORDSOURCE_H_

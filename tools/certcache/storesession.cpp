@@ -1,0 +1,76 @@
+#include "storesession.h"
+
+#include <boost/filesystem/operations.hpp>
+#include <boost/make_shared.hpp>
+#include <cstdlib>
+
+#include "toolerror.h"
+
+namespace tavik {
+namespace cli {
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+std::string variable(const char* name) {
+  const char* value = std::getenv(name);
+  return value == nullptr ? std::string() : std::string(value);
+}
+
+// Refuses a root that is there but is not a directory: a cache over it would
+// find nothing and every write would fail with a less helpful message.
+void checkRoot(const std::string& root) {
+  boost::system::error_code error;
+  const fs::file_status status = fs::status(root, error);
+  if (fs::exists(status) && !fs::is_directory(status)) {
+    throw ToolError(kExitIoError, "the store root " + root + " is not a directory");
+  }
+}
+
+void makeDirectory(const fs::path& directory) {
+  boost::system::error_code error;
+  fs::create_directories(directory, error);
+  if (error) {
+    throw ToolError(kExitIoError,
+                    "cannot make the directory " + directory.string() + ": " + error.message());
+  }
+}
+
+}  // namespace
+
+std::string defaultStoreRoot() {
+  std::string store = variable("CERTCACHE_STORE");
+  if (!store.empty()) return store;
+  std::string data = variable("XDG_DATA_HOME");
+  if (data.empty()) {
+    const std::string home = variable("HOME");
+    if (home.empty()) {
+      throw ToolError(kExitUsage,
+                      "no store given: use --store, or set CERTCACHE_STORE, XDG_DATA_HOME or HOME");
+    }
+    data = home + "/.local/share";
+  }
+  return data + "/certcache";
+}
+
+StoreSession::StoreSession(const StoreOptions& options, bool createDirectories)
+    : withKeys_(options.withKeys) {
+  const std::string root = options.root.empty() ? defaultStoreRoot() : options.root;
+  std::vector<std::string> locations = options.locations;
+  if (locations.empty()) locations.push_back(root);
+
+  if (options.authorities) {
+    filter_ = boost::make_shared<AuthorityCertificateFilter>();
+  } else {
+    filter_ = boost::make_shared<UserCertificateFilter>();
+  }
+  checkRoot(root);
+  if (createDirectories) makeDirectory(fs::path(root) / filter_->subdirectory());
+
+  store_ = std::make_unique<CertificateStore>(root, std::move(locations));
+  cache_ = std::make_unique<CertFileCache>(*store_, filter_, options.withKeys);
+}
+
+}  // namespace cli
+}  // namespace tavik
