@@ -181,7 +181,8 @@ void pairedCreation(benchmark::State& state, const BenchOptions& options, bool r
         kRounds,
         [&](int round) {
           for (int k = 0; k < perRound; ++k) {
-            random.reseed(static_cast<std::uint64_t>(round * perRound + k + 1));
+            random.reseed(static_cast<std::uint64_t>(round) * static_cast<std::uint64_t>(perRound) +
+                          static_cast<std::uint64_t>(k) + 1);
             const int made = request
                                  ? cache.createCsr("", kEmail, kStorePassword,
                                                    CertFileCache::overwriteExisting, csr)
@@ -193,7 +194,8 @@ void pairedCreation(benchmark::State& state, const BenchOptions& options, bool r
         },
         [&](int round) {
           for (int k = 0; k < perRound; ++k) {
-            random.reseed(static_cast<std::uint64_t>(round * perRound + k + 1));
+            random.reseed(static_cast<std::uint64_t>(round) * static_cast<std::uint64_t>(perRound) +
+                          static_cast<std::uint64_t>(k) + 1);
             if (!(request ? bareRequest(bareBase, csr) : bareSelfSignedPair(bareBase))) {
               return false;
             }
