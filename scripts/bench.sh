@@ -4,17 +4,20 @@
 # build-bench/stores), runs the benchmarks, the memory probe and the profiles,
 # and writes bench/RESULTS.md.
 #   scripts/bench.sh            the full run (about ten minutes on 2 cores)
-#   scripts/bench.sh --quick    a store of 1,000 only, short runs: tries the chain
+#   scripts/bench.sh --quick    a store of 1,000 only, short runs: tries the chain and
+#                               writes build-bench/results/RESULTS.md, not bench/RESULTS.md
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 sizes=(1000 10000 100000)
 repetitions=3
 creation_iterations=300
+output=bench/RESULTS.md
 if [ "${1:-}" = "--quick" ]; then
   sizes=(1000)
   repetitions=1
   creation_iterations=10
+  output=build-bench/results/RESULTS.md
 fi
 size_list=$(IFS=,; echo "${sizes[*]}")
 largest=${sizes[${#sizes[@]}-1]}
@@ -120,5 +123,5 @@ if perf record -q -F 2000 -o "$results/perf-load-cache.data" \
     > "$results/perf-load-cache-sym.txt" 2>/dev/null || true
 fi
 
-python3 bench/make_results.py "$results" "$size_list" bench/RESULTS.md
-echo "Wrote bench/RESULTS.md"
+python3 bench/make_results.py "$results" "$size_list" "$output"
+echo "Wrote $output"
