@@ -66,15 +66,20 @@ TEST_F(HostileCertificateTest, NonDerThatOpenSslDecodesIsNeitherInstalledNorLoad
 // Parts of the identity that are there but cannot be read are not taken for
 // absent (the allocation-failure harness covers the same for want of memory).
 TEST_F(HostileCertificateTest, IdentityThatCannotBeReadWholeRefusesTheCertificate) {
-  // A second basicConstraints extension saying cA TRUE: read as absent, it
-  // would let an authority pass the user filter.
+  // A basicConstraints extension whose value is no BASIC_CONSTRAINTS: read as
+  // absent, the certificate would count as no CA and pass the user filter.
   test::CertOptions options;
   options.email = "a@example.org";
   X509Ptr cert = test::makeCertificate(options);
-  BASIC_CONSTRAINTS* constraints = BASIC_CONSTRAINTS_new();
-  constraints->ca = 1;
-  X509_add1_ext_i2d(cert.get(), NID_basic_constraints, constraints, 1, X509V3_ADD_APPEND);
-  BASIC_CONSTRAINTS_free(constraints);
+  X509_delete_ext(cert.get(), X509_get_ext_by_NID(cert.get(), NID_basic_constraints, -1));
+  const unsigned char notConstraints[] = {0x04, 0x00};
+  ASN1_OCTET_STRING* value = ASN1_OCTET_STRING_new();
+  ASN1_OCTET_STRING_set(value, notConstraints, sizeof(notConstraints));
+  X509_EXTENSION* extension =
+      X509_EXTENSION_create_by_NID(nullptr, NID_basic_constraints, 1, value);
+  X509_add_ext(cert.get(), extension, -1);
+  X509_EXTENSION_free(extension);
+  ASN1_OCTET_STRING_free(value);
   X509_sign(cert.get(), test::testKey(0), EVP_sha256());
   expectRefusedEverywhere(test::toDer(cert.get()));
   // Which the user filter, reading it as no CA, would otherwise have listed.

@@ -35,6 +35,22 @@ bool certificateDer(const std::string& contents, std::string& der) {
   return decodeFirstPemCertificate(contents, der);
 }
 
+// The identity of a certificate whose subject or extensions are in a form that
+// only OpenSSL's decoders read: decodes both and reads it from them.
+bool decodeIdentity(const CertificateLayout& layout, CertificateIdentity& identity) {
+  const unsigned char* cursor = layout.subject;
+  X509NamePtr subject(d2i_X509_NAME(nullptr, &cursor, static_cast<long>(layout.subjectLength)));
+  if (!subject) return false;
+  X509ExtensionsPtr extensions;
+  if (layout.extensions != nullptr) {
+    cursor = layout.extensions;
+    extensions.reset(
+        d2i_X509_EXTENSIONS(nullptr, &cursor, static_cast<long>(layout.extensionsLength)));
+    if (!extensions) return false;
+  }
+  return readCertificateIdentity(subject.get(), extensions.get(), identity);
+}
+
 PkeyHandle readPrivateKey(const std::string& keyPath, const std::string& password) {
   std::string contents;
   if (!readSmallRegularFile(keyPath, kMaxCredentialFileSize, contents)) return PkeyHandle();
@@ -73,18 +89,12 @@ std::shared_ptr<Certificate> Certificate::fromDer(std::string der, bool decodeWh
         new Certificate(std::move(der), std::move(x509), std::move(identity)));
   }
 
-  const unsigned char* cursor = layout.subject;
-  X509NamePtr subject(d2i_X509_NAME(nullptr, &cursor, static_cast<long>(layout.subjectLength)));
-  if (!subject) return nullptr;
-  X509ExtensionsPtr extensions;
-  if (layout.extensions != nullptr) {
-    cursor = layout.extensions;
-    extensions.reset(
-        d2i_X509_EXTENSIONS(nullptr, &cursor, static_cast<long>(layout.extensionsLength)));
-    if (!extensions) return nullptr;
-  }
   CertificateIdentity identity;
-  if (!readCertificateIdentity(subject.get(), extensions.get(), identity)) return nullptr;
+  if (!readCertificateIdentityFromDer(layout.subject, layout.subjectLength, layout.extensions,
+                                      layout.extensionsLength, identity) &&
+      !decodeIdentity(layout, identity)) {
+    return nullptr;
+  }
   return std::shared_ptr<Certificate>(
       new Certificate(std::move(der), X509Ptr(), std::move(identity)));
 }

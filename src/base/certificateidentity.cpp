@@ -3,6 +3,9 @@
 #include <openssl/err.h>
 #include <openssl/x509v3.h>
 
+#include <cstring>
+
+#include "base/derreader.h"
 #include "base/opensslutil.h"
 
 namespace tavik {
@@ -29,13 +32,26 @@ bool firstEntry(const X509_NAME* name, int nid, std::string& text) {
   return utf8Text(X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, position)), text);
 }
 
-// The decoded extension `nid`, or null. `failed` is set when the extension is
-// there but cannot be decoded, or is there more than once: that is not the
+bool isCa(const BASIC_CONSTRAINTS* constraints) { return constraints && constraints->ca != 0; }
+
+// The first rfc822Name, "" when there is none; false when it cannot be read.
+bool firstRfc822Name(const GENERAL_NAMES* names, std::string& text) {
+  text.clear();
+  for (int i = 0; i < sk_GENERAL_NAME_num(names); ++i) {
+    const GENERAL_NAME* name = sk_GENERAL_NAME_value(names, i);
+    if (name->type == GEN_EMAIL) return utf8Text(name->d.rfc822Name, text);
+  }
+  return true;
+}
+
+// The decoded extension `nid`, or null. As OpenSSL looks one up, an extension
+// that is there twice counts as none. `failed` is set when the extension is
+// there once but cannot be decoded (also for want of memory): that is not the
 // same as its absence.
 void* decodedExtension(const STACK_OF(X509_EXTENSION) * extensions, int nid, bool& failed) {
   int critical = -1;
   void* decoded = X509V3_get_d2i(extensions, nid, &critical, nullptr);
-  if (decoded == nullptr && critical != -1) failed = true;
+  if (decoded == nullptr && critical >= 0) failed = true;
   return decoded;
 }
 
@@ -43,7 +59,7 @@ bool readCaConstraint(const STACK_OF(X509_EXTENSION) * extensions, bool& authori
   bool failed = false;
   BasicConstraintsPtr constraints(
       static_cast<BASIC_CONSTRAINTS*>(decodedExtension(extensions, NID_basic_constraints, failed)));
-  authority = constraints && constraints->ca != 0;
+  authority = isCa(constraints.get());
   return !failed;
 }
 
@@ -52,11 +68,7 @@ bool firstRfc822AltName(const STACK_OF(X509_EXTENSION) * extensions, std::string
   GeneralNamesPtr names(
       static_cast<GENERAL_NAMES*>(decodedExtension(extensions, NID_subject_alt_name, failed)));
   if (!names) return !failed;
-  for (int i = 0; i < sk_GENERAL_NAME_num(names.get()); ++i) {
-    const GENERAL_NAME* name = sk_GENERAL_NAME_value(names.get(), i);
-    if (name->type == GEN_EMAIL) return utf8Text(name->d.rfc822Name, text);
-  }
-  return true;
+  return firstRfc822Name(names.get(), text);
 }
 
 bool oneLine(const X509_NAME* name, std::string& text) {
@@ -65,6 +77,162 @@ bool oneLine(const X509_NAME* name, std::string& text) {
   text = line;
   OPENSSL_free(line);
   return true;
+}
+
+// The DER reading below. Tags and object identifiers as they stand in a certificate.
+constexpr unsigned char kTagBoolean = 0x01;
+constexpr unsigned char kTagOctetString = 0x04;
+constexpr unsigned char kTagObject = 0x06;
+constexpr unsigned char kTagUtf8String = 0x0C;
+constexpr unsigned char kTagPrintableString = 0x13;
+constexpr unsigned char kTagIa5String = 0x16;
+constexpr unsigned char kTagSequence = 0x30;
+constexpr unsigned char kTagSet = 0x31;
+
+constexpr unsigned char kOidEmailAddress[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x09, 0x01};
+constexpr unsigned char kOidCommonName[] = {0x55, 0x04, 0x03};
+constexpr unsigned char kOidBasicConstraints[] = {0x55, 0x1D, 0x13};
+constexpr unsigned char kOidSubjectAltName[] = {0x55, 0x1D, 0x11};
+
+template <std::size_t N>
+bool isObject(const Tlv& object, const unsigned char (&oid)[N]) {
+  return object.contentLength == N && std::memcmp(object.content, oid, N) == 0;
+}
+
+// What OpenSSL's decoder accepts as an object identifier: not empty, the last
+// byte ends a sub-identifier, no sub-identifier starts with a padding byte.
+bool wellFormedObject(const Tlv& object) {
+  if (object.tag != kTagObject || object.contentLength == 0) return false;
+  const unsigned char* p = object.content;
+  if ((p[object.contentLength - 1] & 0x80) != 0) return false;
+  for (std::size_t i = 0; i < object.contentLength; ++i) {
+    if (p[i] == 0x80 && (i == 0 || (p[i - 1] & 0x80) == 0)) return false;
+  }
+  return true;
+}
+
+// A name value that OpenSSL keeps as it stands and turns into the same UTF-8:
+// a UTF8String, PrintableString or IA5String of ASCII characters.
+bool plainAsciiValue(const Tlv& value) {
+  if (value.tag != kTagUtf8String && value.tag != kTagPrintableString &&
+      value.tag != kTagIa5String) {
+    return false;
+  }
+  for (std::size_t i = 0; i < value.contentLength; ++i) {
+    if ((value.content[i] & 0x80) != 0) return false;
+  }
+  return true;
+}
+
+struct PlainName {
+  bool hasEmail = false;
+  std::string email;  // the first emailAddress entry
+  bool hasCommonName = false;
+  std::string commonName;  // the first commonName entry
+};
+
+// Name ::= SEQUENCE OF SET OF SEQUENCE { type OBJECT IDENTIFIER, value }, every
+// set non-empty and every value plain.
+bool readPlainName(const unsigned char* der, std::size_t length, PlainName& name) {
+  const unsigned char* end = der + length;
+  Tlv sequence;
+  if (!readTlv(der, end, sequence) || sequence.tag != kTagSequence || sequence.end() != end) {
+    return false;
+  }
+  for (const unsigned char* p = sequence.content; p < end;) {
+    Tlv set;
+    if (!readTlv(p, end, set) || set.tag != kTagSet || set.contentLength == 0) return false;
+    for (const unsigned char* q = set.content; q < set.end();) {
+      Tlv entry;
+      Tlv type;
+      Tlv value;
+      if (!readTlv(q, set.end(), entry) || entry.tag != kTagSequence ||
+          !readTlv(entry.content, entry.end(), type) || !wellFormedObject(type) ||
+          !readTlv(type.end(), entry.end(), value) || value.end() != entry.end() ||
+          !plainAsciiValue(value)) {
+        return false;
+      }
+      const char* text = reinterpret_cast<const char*>(value.content);
+      if (!name.hasEmail && isObject(type, kOidEmailAddress)) {
+        name.hasEmail = true;
+        name.email.assign(text, value.contentLength);
+      } else if (!name.hasCommonName && isObject(type, kOidCommonName)) {
+        name.hasCommonName = true;
+        name.commonName.assign(text, value.contentLength);
+      }
+      q = entry.end();
+    }
+    p = set.end();
+  }
+  return true;
+}
+
+// The value of an extension that occurs exactly once; as OpenSSL looks one up,
+// a second occurrence means none.
+struct ExtensionValue {
+  int occurrences = 0;
+  Tlv value;  // the OCTET STRING
+  bool once() const { return occurrences == 1; }
+};
+
+// Extensions ::= SEQUENCE OF SEQUENCE { extnID OBJECT IDENTIFIER, critical
+// BOOLEAN OPTIONAL, extnValue OCTET STRING }.
+bool readPlainExtensions(const unsigned char* der, std::size_t length,
+                         ExtensionValue& basicConstraints, ExtensionValue& subjectAltName) {
+  const unsigned char* end = der + length;
+  Tlv sequence;
+  if (!readTlv(der, end, sequence) || sequence.tag != kTagSequence || sequence.end() != end) {
+    return false;
+  }
+  for (const unsigned char* p = sequence.content; p < end;) {
+    Tlv extension;
+    Tlv id;
+    Tlv field;
+    if (!readTlv(p, end, extension) || extension.tag != kTagSequence ||
+        !readTlv(extension.content, extension.end(), id) || !wellFormedObject(id) ||
+        !readTlv(id.end(), extension.end(), field)) {
+      return false;
+    }
+    if (field.tag == kTagBoolean) {
+      if (field.contentLength != 1 || !readTlv(field.end(), extension.end(), field)) return false;
+    }
+    if (field.tag != kTagOctetString || field.end() != extension.end()) return false;
+    ExtensionValue* wanted = isObject(id, kOidBasicConstraints) ? &basicConstraints
+                             : isObject(id, kOidSubjectAltName) ? &subjectAltName
+                                                                : nullptr;
+    if (wanted != nullptr) {
+      ++wanted->occurrences;
+      wanted->value = field;
+    }
+    p = extension.end();
+  }
+  return true;
+}
+
+// The cA flag of a basicConstraints extension found in the DER; false when
+// the extension is there once but does not decode (also for want of memory),
+// which OpenSSL's reading refuses as well.
+bool caFromValue(const ExtensionValue& extension, bool& authority) {
+  authority = false;
+  if (!extension.once()) return true;
+  const unsigned char* p = extension.value.content;
+  BasicConstraintsPtr constraints(
+      d2i_BASIC_CONSTRAINTS(nullptr, &p, static_cast<long>(extension.value.contentLength)));
+  if (!constraints) return false;
+  authority = isCa(constraints.get());
+  return true;
+}
+
+// The first rfc822Name of a subjectAltName extension found in the DER, ""
+// when there is none; false as for caFromValue.
+bool rfc822FromValue(const ExtensionValue& extension, std::string& text) {
+  text.clear();
+  if (!extension.once()) return true;
+  const unsigned char* p = extension.value.content;
+  GeneralNamesPtr names(
+      d2i_GENERAL_NAMES(nullptr, &p, static_cast<long>(extension.value.contentLength)));
+  if (!names) return false;
+  return firstRfc822Name(names.get(), text);
 }
 
 bool readParts(const X509_NAME* subject, const STACK_OF(X509_EXTENSION) * extensions,
@@ -99,6 +267,40 @@ bool readCertificateIdentity(const X509_NAME* subject, const STACK_OF(X509_EXTEN
   // queue clean so that later readers of it see only their own errors.
   ERR_clear_error();
   return read;
+}
+
+bool readCertificateIdentityFromDer(const unsigned char* subject, std::size_t subjectLength,
+                                    const unsigned char* extensions, std::size_t extensionsLength,
+                                    CertificateIdentity& identity) {
+  PlainName name;
+  if (!readPlainName(subject, subjectLength, name)) return false;
+  // Without a common name, the name is the subject's one-line form: OpenSSL's.
+  if (name.commonName.empty()) return false;
+  ExtensionValue basicConstraints;
+  ExtensionValue subjectAltName;
+  if (extensions != nullptr &&
+      !readPlainExtensions(extensions, extensionsLength, basicConstraints, subjectAltName)) {
+    return false;
+  }
+
+  identity = CertificateIdentity();
+  // Anything that OpenSSL's reading would refuse goes back to the caller,
+  // which decodes with OpenSSL and so gives the same answer.
+  if (!caFromValue(basicConstraints, identity.authority)) {
+    ERR_clear_error();
+    return false;
+  }
+  identity.email = name.email;
+  if (identity.email.empty() && !rfc822FromValue(subjectAltName, identity.email)) {
+    ERR_clear_error();
+    return false;
+  }
+  if (identity.email.empty() && name.commonName.find('@') != std::string::npos) {
+    identity.email = name.commonName;
+  }
+  identity.name = name.commonName;
+  ERR_clear_error();
+  return true;
 }
 
 }  // namespace tavik

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "base/derreader.h"
+
 namespace tavik {
 
 namespace {
@@ -23,41 +25,6 @@ constexpr unsigned char kTagIssuerUniqueId = 0x81;   // [1] IMPLICIT BIT STRING
 constexpr unsigned char kTagSubjectUniqueId = 0x82;  // [2] IMPLICIT BIT STRING
 constexpr unsigned char kTagExtensions = 0xA3;       // [3] EXPLICIT
 constexpr unsigned char kConstructed = 0x20;
-
-struct Tlv {
-  unsigned char tag = 0;
-  const unsigned char* start = nullptr;  // the tag byte
-  const unsigned char* content = nullptr;
-  std::size_t contentLength = 0;
-  std::size_t totalLength() const {
-    return static_cast<std::size_t>(content - start) + contentLength;
-  }
-  const unsigned char* end() const { return content + contentLength; }
-};
-
-// Reads one TLV at `p`, which must lie within [p, end). DER only: a single-byte
-// tag, a definite length in its shortest form.
-bool readTlv(const unsigned char* p, const unsigned char* end, Tlv& tlv) {
-  if (end - p < 2) return false;
-  tlv.start = p;
-  tlv.tag = *p++;
-  if ((tlv.tag & 0x1F) == 0x1F) return false;  // multi-byte tags do not occur here
-  const unsigned char first = *p++;
-  std::size_t length = 0;
-  if (first < 0x80) {
-    length = first;
-  } else {
-    const int count = first & 0x7F;
-    if (count == 0 || count > 4 || end - p < count) return false;  // indefinite or huge
-    if (*p == 0) return false;                                     // not minimal
-    for (int i = 0; i < count; ++i) length = (length << 8) | *p++;
-    if (length < 0x80) return false;  // should have used the short form
-  }
-  if (static_cast<std::size_t>(end - p) < length) return false;
-  tlv.content = p;
-  tlv.contentLength = length;
-  return true;
-}
 
 // Checks that the content of every constructed value is a run of values that
 // fills it exactly, all the way down.
@@ -135,14 +102,32 @@ bool parseTbs(const Tlv& tbs, CertificateLayout& layout) {
   return true;
 }
 
-int base64Value(unsigned char c) {
-  if (c >= 'A' && c <= 'Z') return c - 'A';
-  if (c >= 'a' && c <= 'z') return c - 'a' + 26;
-  if (c >= '0' && c <= '9') return c - '0' + 52;
-  if (c == '+') return 62;
-  if (c == '/') return 63;
-  return -1;
-}
+// The value of each byte in base64 text: 0 to 63 for the alphabet, or one of
+// the markers below.
+constexpr unsigned char kBase64Space = 64;  // blank, tab, CR or LF: skipped
+constexpr unsigned char kBase64Pad = 65;    // '='
+constexpr unsigned char kBase64Invalid = 255;
+
+struct Base64Table {
+  unsigned char values[256];
+  constexpr Base64Table() : values() {
+    for (unsigned char& value : values) value = kBase64Invalid;
+    for (int i = 0; i < 26; ++i) {
+      values['A' + i] = static_cast<unsigned char>(i);
+      values['a' + i] = static_cast<unsigned char>(26 + i);
+    }
+    for (int i = 0; i < 10; ++i) values['0' + i] = static_cast<unsigned char>(52 + i);
+    values[static_cast<unsigned char>('+')] = 62;
+    values[static_cast<unsigned char>('/')] = 63;
+    values[static_cast<unsigned char>('=')] = kBase64Pad;
+    for (const char space : {' ', '\t', '\r', '\n'}) {
+      values[static_cast<unsigned char>(space)] = kBase64Space;
+    }
+  }
+  unsigned char operator[](unsigned char c) const { return values[c]; }
+};
+
+constexpr Base64Table kBase64Values;
 
 bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
@@ -183,36 +168,54 @@ bool parseCertificateLayout(const unsigned char* der, std::size_t length,
 }
 
 bool decodeBase64(const char* begin, const char* end, std::string& bytes) {
-  bytes.clear();
+  // Every certificate of a store passes through here when it is loaded: one
+  // table look-up per character, and the output written in place.
+  bytes.resize(static_cast<std::size_t>(end - begin) / 4 * 3 + 3);
+  char* out = &bytes[0];
   unsigned int group = 0;
   int inGroup = 0;
   int padding = 0;
   for (const char* p = begin; p != end; ++p) {
-    const auto c = static_cast<unsigned char>(*p);
-    if (isSpace(static_cast<char>(c))) continue;
-    if (c == '=') {
-      // Padding closes the last group: "xx==" or "xxx=".
-      if (inGroup < 2 || ++padding > 2) return false;
-      group <<= 6;
+    // Whole groups of four alphabet characters, the bulk of any text, go at once.
+    while (inGroup == 0 && padding == 0 && end - p >= 4) {
+      const unsigned int a = kBase64Values[static_cast<unsigned char>(p[0])];
+      const unsigned int b = kBase64Values[static_cast<unsigned char>(p[1])];
+      const unsigned int c = kBase64Values[static_cast<unsigned char>(p[2])];
+      const unsigned int d = kBase64Values[static_cast<unsigned char>(p[3])];
+      if ((a | b | c | d) >= 64) break;
+      const unsigned int whole = (a << 18) | (b << 12) | (c << 6) | d;
+      *out++ = static_cast<char>((whole >> 16) & 0xFF);
+      *out++ = static_cast<char>((whole >> 8) & 0xFF);
+      *out++ = static_cast<char>(whole & 0xFF);
+      p += 4;
+    }
+    if (p == end) break;
+    const unsigned char value = kBase64Values[static_cast<unsigned char>(*p)];
+    if (value < 64) {
+      if (padding > 0) return false;  // nothing may follow padding
+      group = (group << 6) | value;
       if (++inGroup == 4) {
-        bytes.push_back(static_cast<char>((group >> 16) & 0xFF));
-        if (padding == 1) bytes.push_back(static_cast<char>((group >> 8) & 0xFF));
+        *out++ = static_cast<char>((group >> 16) & 0xFF);
+        *out++ = static_cast<char>((group >> 8) & 0xFF);
+        *out++ = static_cast<char>(group & 0xFF);
         inGroup = 0;
         group = 0;
       }
       continue;
     }
-    const int value = base64Value(c);
-    if (value < 0 || padding > 0) return false;  // nothing may follow padding
-    group = (group << 6) | static_cast<unsigned int>(value);
+    if (value == kBase64Space) continue;
+    if (value != kBase64Pad) return false;
+    // Padding closes the last group: "xx==" or "xxx=".
+    if (inGroup < 2 || ++padding > 2) return false;
+    group <<= 6;
     if (++inGroup == 4) {
-      bytes.push_back(static_cast<char>((group >> 16) & 0xFF));
-      bytes.push_back(static_cast<char>((group >> 8) & 0xFF));
-      bytes.push_back(static_cast<char>(group & 0xFF));
+      *out++ = static_cast<char>((group >> 16) & 0xFF);
+      if (padding == 1) *out++ = static_cast<char>((group >> 8) & 0xFF);
       inGroup = 0;
       group = 0;
     }
   }
+  bytes.resize(static_cast<std::size_t>(out - bytes.data()));
   return inGroup == 0;
 }
 

@@ -35,7 +35,8 @@ bool readSmallRegularFile(const std::string& path, std::size_t limit, std::strin
   if (info.st_size < 0 || static_cast<unsigned long long>(info.st_size) > limit) return false;
 
   // The size may change while we read; one byte more than the limit tells us so.
-  contents.resize(static_cast<std::size_t>(info.st_size) + 1);
+  const std::size_t size = static_cast<std::size_t>(info.st_size);
+  contents.resize(size + 1);
   std::size_t filled = 0;
   for (;;) {
     if (filled == contents.size()) {
@@ -49,6 +50,10 @@ bool readSmallRegularFile(const std::string& path, std::size_t limit, std::strin
     }
     if (got == 0) break;
     filled += static_cast<std::size_t>(got);
+    // Fewer bytes than asked for, and exactly the size the file had when it was
+    // opened: its end. Loading a store would otherwise spend a read per file
+    // on being told so.
+    if (filled == size && filled < contents.size()) break;
   }
   if (filled > limit) return false;
   contents.resize(filled);

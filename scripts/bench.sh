@@ -1,0 +1,127 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds the benchmarks in Release, makes the stores
+# that are missing (1,000, 10,000 and 100,000 certificates, once; they stay in
+# build-bench/stores), runs the benchmarks, the memory probe and the profiles,
+# and writes bench/RESULTS.md.
+#   scripts/bench.sh            the full run (about ten minutes on 2 cores)
+#   scripts/bench.sh --quick    a store of 1,000 only, short runs: tries the chain and
+#                               writes build-bench/results/RESULTS.md, not bench/RESULTS.md
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+sizes=(1000 10000 100000)
+repetitions=3
+creation_iterations=300
+output=bench/RESULTS.md
+if [ "${1:-}" = "--quick" ]; then
+  sizes=(1000)
+  repetitions=1
+  creation_iterations=10
+  output=build-bench/results/RESULTS.md
+fi
+size_list=$(IFS=,; echo "${sizes[*]}")
+largest=${sizes[${#sizes[@]}-1]}
+smallest=${sizes[0]}
+
+scripts/setup.sh libbenchmark-dev libbotan-2-dev libgnutls28-dev valgrind strace python3 linux-perf
+
+build=build-bench
+stores=$build/stores
+results=$build/results
+mkdir -p "$results"
+rm -f "$results"/*
+
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DTAVIK_CERTCACHE_BUILD_BENCH=ON \
+  -DTAVIK_CERTCACHE_BUILD_TESTS=OFF >/dev/null
+cmake --build "$build" -j 2
+"$build"/bench/tavik_bench_generate "$stores" "${sizes[@]}"
+probe="$build/bench/tavik_bench_probe"
+
+# The machine and the moment.
+{
+  echo "date=$(date -u '+%Y-%m-%d %H:%M UTC')"
+  echo "cpu=$(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ *//')"
+  echo "cores=$(nproc)"
+  echo "memory=$(free -g | awk '/^Mem:/ {print $2}') GiB"
+  echo "kernel=$(uname -r)"
+  echo "compiler=$(c++ --version | head -1)"
+  echo "openssl=$(openssl version)"
+  echo "botan=$(dpkg-query -W -f='${Version}' libbotan-2-dev)"
+  echo "gnutls=$(dpkg-query -W -f='${Version}' libgnutls28-dev)"
+  echo "benchmark=$(dpkg-query -W -f='${Version}' libbenchmark-dev)"
+  echo "commit=$(git rev-parse --short HEAD)$(git diff --quiet HEAD -- src bench || echo ' (with local changes)')"
+  echo "load_before=$(cut -d' ' -f1-3 /proc/loadavg)"
+} > "$results/machine.txt"
+
+# Every benchmark, each repeated, the repetitions of all of them interleaved
+# at random so that a change of load on the shared cores spreads over all.
+"$build"/bench/tavik_certcache_bench --stores="$stores" --sizes="$size_list" \
+  --creation-iterations="$creation_iterations" \
+  --benchmark_repetitions="$repetitions" --benchmark_enable_random_interleaving=true \
+  --benchmark_out="$results/bench.json" --benchmark_out_format=json \
+  2> "$results/bench-stderr.txt" | tee "$results/bench.txt"
+echo "load_after=$(cut -d' ' -f1-3 /proc/loadavg)" >> "$results/machine.txt"
+
+# Both sides of each creation pair must have made the same files.
+scratch="$stores/scratch"
+{
+  cmp -s "$scratch/self-signed-cache/user/created_at_bench.example.key" \
+         "$scratch/self-signed-bare/user/created_at_bench.example.key" &&
+  cmp -s "$scratch/self-signed-cache/user/created_at_bench.example.crt" \
+         "$scratch/self-signed-bare/user/created_at_bench.example.crt" &&
+  cmp -s "$scratch/csr-cache/user/created_at_bench.example.tpk" \
+         "$scratch/csr-bare/user/created_at_bench.example.tpk" &&
+  echo "identical=yes" || echo "identical=no"
+} > "$results/creation-files.txt"
+
+# Peak resident memory of a process that opens the largest store, and of one
+# that does everything else the same.
+root="$stores/store-$largest"
+"$probe" rss cache "$root" > "$results/rss-cache.txt"
+"$probe" rss none "$root" > "$results/rss-none.txt"
+
+# User and system CPU time of one opening, with the cache and the bare loop, each
+# in a process of its own.
+for size in "${sizes[@]}"; do
+  for round in 1 2 3; do
+    "$probe" load cache "$stores/store-$size" >> "$results/cpu-cache-$size.txt"
+    "$probe" load openssl "$stores/store-$size" >> "$results/cpu-openssl-$size.txt"
+  done
+done
+
+# Instruction counts (callgrind) of the measured functions alone: opening the
+# smallest store, and 20 lookups with key.
+small="$stores/store-$smallest"
+for side in cache openssl; do
+  valgrind --tool=callgrind --toggle-collect='tavik::bench::measured*' \
+    --callgrind-out-file="$results/callgrind-load-$side.out" \
+    "$probe" load "$side" "$small" > /dev/null 2>&1
+  valgrind --tool=callgrind --toggle-collect='tavik::bench::measured*' \
+    --callgrind-out-file="$results/callgrind-lookup-$side.out" \
+    "$probe" lookup "$side" "$small" "$smallest" 20 > /dev/null 2>&1
+done
+callgrind_annotate --inclusive=yes "$results/callgrind-load-cache.out" \
+  > "$results/callgrind-load-cache-inclusive.txt" 2>/dev/null
+callgrind_annotate "$results/callgrind-load-cache.out" \
+  > "$results/callgrind-load-cache-self.txt" 2>/dev/null
+
+# System calls of one opening of the smallest store, with the cache and the bare loop.
+# (Left out where tracing is not allowed; RESULTS.md then goes without them.)
+for side in cache openssl; do
+  strace -c -o "$results/strace-load-$side.txt" "$probe" load "$side" "$small" > /dev/null &&
+  strace -c -o "$results/strace-lookup-$side.txt" "$probe" lookup "$side" "$small" "$smallest" 1000 > /dev/null &&
+  strace -c -o "$results/strace-nolookup-$side.txt" "$probe" lookup "$side" "$small" "$smallest" 0 > /dev/null ||
+  rm -f "$results"/strace-*
+done
+
+# Where the wall-clock time of opening the largest store goes, kernel included.
+if perf record -q -F 2000 -o "$results/perf-load-cache.data" \
+     "$probe" load cache "$root" > /dev/null 2>&1; then
+  perf report -q -i "$results/perf-load-cache.data" --sort dso --stdio \
+    > "$results/perf-load-cache-dso.txt" 2>/dev/null || true
+  perf report -q -i "$results/perf-load-cache.data" --sort sym --stdio \
+    > "$results/perf-load-cache-sym.txt" 2>/dev/null || true
+fi
+
+python3 bench/make_results.py "$results" "$size_list" "$output"
+echo "Wrote $output"
