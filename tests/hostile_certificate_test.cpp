@@ -71,7 +71,8 @@ TEST_F(HostileCertificateTest, IdentityThatCannotBeReadWholeRefusesTheCertificat
   test::CertOptions options;
   options.email = "a@example.org";
   X509Ptr cert = test::makeCertificate(options);
-  X509_delete_ext(cert.get(), X509_get_ext_by_NID(cert.get(), NID_basic_constraints, -1));
+  X509_EXTENSION_free(
+      X509_delete_ext(cert.get(), X509_get_ext_by_NID(cert.get(), NID_basic_constraints, -1)));
   const unsigned char notConstraints[] = {0x04, 0x00};
   ASN1_OCTET_STRING* value = ASN1_OCTET_STRING_new();
   ASN1_OCTET_STRING_set(value, notConstraints, sizeof(notConstraints));
