@@ -71,7 +71,6 @@ TEST_F(HostileCertificateTest, IdentityThatCannotBeReadWholeRefusesTheCertificat
   test::CertOptions options;
   options.email = "a@example.org";
   X509Ptr cert = test::makeCertificate(options);
-  // The deleted extension is handed back to be freed.
   X509_EXTENSION_free(
       X509_delete_ext(cert.get(), X509_get_ext_by_NID(cert.get(), NID_basic_constraints, -1)));
   const unsigned char notConstraints[] = {0x04, 0x00};
