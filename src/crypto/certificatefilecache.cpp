@@ -10,6 +10,7 @@
 #include <boost/filesystem/operations.hpp>
 #include <boost/system/error_code.hpp>
 #include <cstdint>
+#include <cstdio>
 #include <utility>
 
 #include "base/configurationinit.h"
@@ -54,6 +55,21 @@ std::string openSslErrorText(unsigned long code) {
   char text[256];
   ERR_error_string_n(code, text, sizeof text);
   return text;
+}
+
+// A file BIO over `file` opened with "w". BIO_new_file would leave the file
+// created or emptied when only the BIO cannot be made (for want of memory); an
+// empty key file would later pass for a key, so such a file goes again.
+BioPtr openForWriting(const fs::path& file) {
+  std::FILE* stream = std::fopen(file.string().c_str(), "w");
+  if (stream == nullptr) return BioPtr();
+  BioPtr bio(BIO_new_fp(stream, BIO_CLOSE));
+  if (!bio) {
+    std::fclose(stream);
+    boost::system::error_code ignored;
+    fs::remove(file, ignored);
+  }
+  return bio;
 }
 
 // The file base name of a credential: the encoded subject when there is one,
@@ -321,7 +337,7 @@ int CertFileCache::removeCert(const std::string& id) {
 }
 
 int CertFileCache::writeCert(const fs::path& file, X509* cert) {
-  BioPtr bio(BIO_new_file(file.string().c_str(), "w"));
+  BioPtr bio = openForWriting(file);
   if (!bio) {
     ERR_clear_error();
     TAVIK_LOG_ERROR(logHandle) << "Can't create file BIO: " << file;
@@ -339,7 +355,7 @@ int CertFileCache::writeCert(const fs::path& file, X509* cert) {
 
 int CertFileCache::writePrivateKey(const fs::path& file, const std::string& password,
                                    EVP_PKEY* key) {
-  BioPtr bio(BIO_new_file(file.string().c_str(), "w"));
+  BioPtr bio = openForWriting(file);
   if (!bio) {
     ERR_clear_error();
     TAVIK_LOG_ERROR(logHandle) << "Can't create file BIO: " << file;
@@ -506,12 +522,13 @@ int CertFileCache::saveCert(const std::string& id, const std::string& certBase64
   const fs::path certPath = filePath(store_.getRoot(), baseName, kCertExtension);
   boost::system::error_code error;
   if (!overwrite && entryExists(certPath, error)) return kExists;
-  // An installed certificate that this one replaces comes back if the new key
-  // cannot be put in place: its own key is still there.
+  // A certificate that this one replaces comes back if the new one cannot be
+  // written, or its key cannot be put in place: the earlier key is still there.
   std::string replaced;
-  const bool replacing = withPrivateKeys_ && overwrite &&
-                         readSmallRegularFile(certPath.string(), kMaxCredentialFileSize, replaced);
+  const bool replacing =
+      overwrite && readSmallRegularFile(certPath.string(), kMaxCredentialFileSize, replaced);
   if (!certificate->saveToFile(certPath.string())) {
+    if (replacing) writeWholeFile(certPath.string(), replaced);
     TAVIK_LOG_ERROR(logHandle) << "Can't save certificate: " << certPath;
     return kFailed;
   }
