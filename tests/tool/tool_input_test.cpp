@@ -26,27 +26,27 @@ void expectKeyOpensWith(const std::string& keyFile, const std::string& password)
 
 TEST_F(ToolTest, EveryPasswordSourceIsRead) {
   struct Source {
-    std::string spec;
+    std::string passin;
     ToolRun run;
   };
   std::vector<Source> sources(5);
-  sources[0].spec = std::string("pass:") + kPassword;
-  sources[1].spec = "env:CERT_PW";
+  sources[0].passin = std::string("pass:") + kPassword;
+  sources[1].passin = "env:CERT_PW";
   sources[1].run.env["CERT_PW"] = kPassword;
-  sources[2].spec = "file:" + path("pw.txt");
+  sources[2].passin = "file:" + path("pw.txt");
   writeFile(path("pw.txt"), std::string(kPassword) + "\r\nsecond line\n");
-  sources[3].spec = "fd:5";
+  sources[3].passin = "fd:5";
   sources[3].run.descriptors[5] = std::string(kPassword) + "\n";
-  sources[4].spec = "stdin";
+  sources[4].passin = "stdin";
   sources[4].run.input = kPassword;
 
   int n = 0;
   for (Source& source : sources) {
     const std::string email = "user" + std::to_string(n++) + "@example.org";
-    source.run.args = {"--store",     store(),   "--passin", source.spec,
+    source.run.args = {"--store",     store(),   "--passin", source.passin,
                        "self-signed", "--email", email};
     const ToolResult made = runTool(source.run);
-    ASSERT_EQ(made.status, 0) << source.spec << ": " << made.err;
+    ASSERT_EQ(made.status, 0) << source.passin << ": " << made.err;
     expectKeyOpensWith(userDir() + "/user" + std::to_string(n - 1) + "_at_example.org.key",
                        kPassword);
   }

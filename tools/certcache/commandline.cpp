@@ -54,7 +54,7 @@ void addGlobalOptions(CLI::App& app, Invocation& invocation) {
   app.add_option("--passin", invocation.passin,
                  "Where the password comes from: pass:TEXT, env:VAR, file:PATH (first line), "
                  "fd:N or stdin, e.g. --passin env:CERT_PW. Without it a terminal is asked")
-      ->type_name("SPEC");
+      ->type_name("SOURCE");
   app.add_option("--log", invocation.logLevel,
                  "The library's log statements on stderr from this level up: "
                  "off|error|warning|info|debug|trace, e.g. --log debug. Default: warning")

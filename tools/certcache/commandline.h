@@ -14,7 +14,7 @@ namespace cli {
 struct Invocation {
   // Global options.
   StoreOptions store;
-  std::string passin;  // the --passin spec; empty when none was given
+  std::string passin;  // the --passin source; empty when none was given
   std::string logLevel = "warning";
   bool json = false;
 

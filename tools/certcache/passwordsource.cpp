@@ -124,29 +124,29 @@ bool startsWith(const std::string& text, const char* prefix, std::string& rest) 
   return true;
 }
 
-std::string readFromSpec(const std::string& spec, bool confirm) {
+std::string readFromSpec(const std::string& passinSource, bool confirm) {
   std::string rest;
-  if (spec.empty()) return prompt(confirm);
-  if (startsWith(spec, "pass:", rest)) return rest;
-  if (startsWith(spec, "env:", rest)) {
+  if (passinSource.empty()) return prompt(confirm);
+  if (startsWith(passinSource, "pass:", rest)) return rest;
+  if (startsWith(passinSource, "env:", rest)) {
     const char* value = rest.empty() ? nullptr : std::getenv(rest.c_str());
     if (value == nullptr) {
       throw ToolError(kExitNoInput, "the environment variable '" + rest + "' is not set");
     }
     return value;
   }
-  if (startsWith(spec, "file:", rest)) return readFromFile(rest);
-  if (startsWith(spec, "fd:", rest)) return readFromDescriptor(rest);
-  if (spec == "stdin") return readLine(STDIN_FILENO, "standard input");
-  // The spec itself is not repeated: a mistyped "pass:" would put the password
+  if (startsWith(passinSource, "file:", rest)) return readFromFile(rest);
+  if (startsWith(passinSource, "fd:", rest)) return readFromDescriptor(rest);
+  if (passinSource == "stdin") return readLine(STDIN_FILENO, "standard input");
+  // The passinSource itself is not repeated: a mistyped "pass:" would put the password
   // on the screen.
   throw ToolError(kExitUsage, std::string("--passin takes ") + kSpecForms);
 }
 
 }  // namespace
 
-std::string readPassword(const std::string& spec, bool confirm) {
-  std::string password = readFromSpec(spec, confirm);
+std::string readPassword(const std::string& passinSource, bool confirm) {
+  std::string password = readFromSpec(passinSource, confirm);
   if (password.find('\0') != std::string::npos) {
     throw ToolError(kExitUsage, "the password holds a NUL byte, which cannot be used");
   }

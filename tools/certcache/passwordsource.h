@@ -11,21 +11,21 @@
 namespace tavik {
 namespace cli {
 
-// Reads the password that `spec` names:
+// Reads the password that `passinSource` names:
 //   pass:TEXT  the text itself
 //   env:VAR    the value of environment variable VAR
 //   file:PATH  the first line of the file
 //   fd:N       the first line read from file descriptor N
 //   stdin      the first line of standard input
-// A line ends at "\n" (a "\r" before it is dropped too). With an empty `spec`,
+// A line ends at "\n" (a "\r" before it is dropped too). With an empty `passinSource`,
 // the person at the terminal is asked, without echo, and asked twice when
 // `confirm` is set (for commands that create a key); when standard input is no
 // terminal that is a usage error.
 //
-// Throws ToolError: 64 for a spec of no known form, a missing password, a
+// Throws ToolError: 64 for a passinSource of no known form, a missing password, a
 // password holding a NUL byte or two entries that differ; 66 for a source that
 // cannot be read.
-std::string readPassword(const std::string& spec, bool confirm);
+std::string readPassword(const std::string& passinSource, bool confirm);
 
 }  // namespace cli
 }  // namespace tavik
