@@ -26,8 +26,8 @@ Timing timeOf(const std::function<bool(int)>& side, int round, bool& failed) {
   const double cpuStart = threadCpuSeconds();
   const auto start = std::chrono::steady_clock::now();
   if (!side(round)) failed = true;
-  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-  return Timing{threadCpuSeconds() - cpuStart, took.count()};
+  const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start;
+  return Timing{threadCpuSeconds() - cpuStart, wall.count()};
 }
 
 double medianOf(std::vector<double> values) {
@@ -41,14 +41,9 @@ double medianOf(std::vector<double> values) {
 PairedResult runPaired(int rounds, const std::function<bool(int)>& ours,
                        const std::function<bool(int)>& theirs, bool& failed) {
   failed = false;
-  std::vector<double> oursTimes;
-  std::vector<double> theirsTimes;
-  std::vector<double> ratios;
-  std::vector<double> wallRatios;
-  PairedResult result;
+  std::vector<double> oursTimes, theirsTimes, ratios, wallRatios;
   for (int round = 0; round < rounds && !failed; ++round) {
-    Timing oursTime;
-    Timing theirsTime;
+    Timing oursTime, theirsTime;
     if (round % 2 == 0) {
       oursTime = timeOf(ours, round, failed);
       theirsTime = timeOf(theirs, round, failed);
@@ -60,16 +55,14 @@ PairedResult runPaired(int rounds, const std::function<bool(int)>& ours,
     theirsTimes.push_back(theirsTime.cpu);
     ratios.push_back(oursTime.cpu / theirsTime.cpu);
     wallRatios.push_back(oursTime.wall / theirsTime.wall);
-    result.total += oursTime.wall + theirsTime.wall;
   }
+  PairedResult result;
   if (failed || ratios.empty()) return result;
-  result.rounds = static_cast<int>(ratios.size());
   result.oursMedian = medianOf(oursTimes);
   result.theirsMedian = medianOf(theirsTimes);
   result.ratioMedian = medianOf(ratios);
   result.wallRatioMedian = medianOf(wallRatios);
-  result.ratioOfMinimums = *std::min_element(oursTimes.begin(), oursTimes.end()) /
-                           *std::min_element(theirsTimes.begin(), theirsTimes.end());
+  result.rounds = static_cast<int>(ratios.size());
   return result;
 }
 
@@ -77,7 +70,6 @@ void reportPaired(benchmark::State& state, const PairedResult& result, int units
   state.counters["ours_us"] = result.oursMedian * 1e6 / unitsPerRound;
   state.counters["theirs_us"] = result.theirsMedian * 1e6 / unitsPerRound;
   state.counters["ratio"] = result.ratioMedian;
-  state.counters["ratio_of_minimums"] = result.ratioOfMinimums;
   state.counters["wall_ratio"] = result.wallRatioMedian;
   state.counters["rounds"] = result.rounds;
 }

@@ -1,130 +1,237 @@
+// The collaborators under the cache: DER read in place, a certificate's identity read every way,
+// what counts as one certificate, base64 and file names.
 #include "base/certificate.h"
 
-#include <gtest/gtest.h>
-#include <sys/stat.h>
+#include <fcntl.h>
 #include <unistd.h>
 
-#include "base/certificatefilter.h"
-#include "support/testsupport.h"
+#include "base/certificateparser.h"
+#include "base/derreader.h"
+#include "base/stringutil.h"
+#include "support/storetest.h"
 
 namespace tavik {
 namespace {
 
-using test::CertOptions;
+using test::operator""_b;
+using Cert = std::shared_ptr<Certificate>;
 
-std::shared_ptr<Certificate> fromOptions(const CertOptions& options) {
-  return Certificate::createFromBase64(test::toPem(test::makeCertificate(options).get()));
+std::string tlv(int tag, const std::string& content) {  // the length in its shortest form
+  std::string length(1, static_cast<char>(content.size()));
+  for (std::size_t n = content.size(); content.size() > 0x7F && n > 0; n >>= 8) {
+    length.insert(1, 1, static_cast<char>(n & 0xFF));
+  }
+  if (content.size() > 0x7F) length[0] = static_cast<char>(0x80 + length.size() - 1);
+  return static_cast<char>(tag) + length + content;
+}
+std::string seq(const std::string& content) { return tlv(0x30, content); }
+std::string rdn(const std::string& type, const std::string& value, int tag = 0x0C) {
+  return tlv(0x31, seq(type + tlv(tag, value)));
+}
+std::string ext(const std::string& type, const std::string& value) {
+  return seq(type + tlv(4, value));
+}
+const unsigned char* bytes(const std::string& der) {
+  return reinterpret_cast<const unsigned char*>(der.data());
+}
+std::vector<std::string> children(const std::string& der) {  // of a constructed value
+  Tlv outer, part;
+  readTlv(bytes(der), bytes(der) + der.size(), outer);
+  std::vector<std::string> parts;
+  for (auto p = outer.content; readTlv(p, outer.end(), part); p = part.end()) {
+    parts.emplace_back(reinterpret_cast<const char*>(part.start), part.totalLength());
+  }
+  return parts;
+}
+std::string base64(const std::string& der) {  // on one line
+  std::string text(4 * (der.size() / 3 + 1) + 1, '\0');
+  text.resize(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&text[0]), bytes(der), der.size()));
+  return text;
 }
 
-TEST(CertificateFileTest, ReadsPemAndDerFilesLazilyOrWhole) {
-  test::TempDir dir;
-  X509Ptr cert = test::makeCertificate(CertOptions{"Someone", "pem@example.org", {}});
-  test::writeFile(dir / "a.crt", test::toPem(cert.get()));
-  test::writeFile(dir / "b.der", test::toDer(cert.get()));
-  // Text before the block, as `openssl x509 -text` writes it, is skipped.
-  test::writeFile(dir / "c.crt", "Certificate:\n    Data: ...\n" + test::toPem(cert.get()));
-  for (const char* name : {"a.crt", "b.der", "c.crt"}) {
-    for (const bool loadFlag : {false, true}) {
-      std::shared_ptr<Certificate> read = Certificate::createFromFile(dir / name, loadFlag);
-      ASSERT_TRUE(read) << name << " " << loadFlag;
-      EXPECT_EQ(read->identity().email, "pem@example.org");
-      ASSERT_NE(read->getX509(), nullptr);
-      EXPECT_EQ(X509_cmp(read->getX509(), cert.get()), 0);
-      EXPECT_EQ(read->getPrivateKey(), nullptr);
+TEST(DerReaderTest, TakesOnlyDefiniteMinimalLengthsWithinTheBuffer) {
+  const std::string x(300, 'x');
+  // clang-format off
+  for (const auto& c : std::vector<std::pair<std::string, bool>>{
+           {"\x05\x00"_b, true}, {"\x04\x81\x80"_b + x.substr(172), true},
+           {"\x04\x82\x01\x2C"_b + x, true},
+           {"\x05", false}, {"\x04\x02x", false}, {"\x04\x81\x7F"_b + x.substr(173), false},
+           {"\x04\x82\x00\x80"_b + x.substr(172), false}, {"\x04\x80\x00\x00"_b, false},
+           {"\x04\x85\x00\x00\x00\x00\x01x"_b, false}, {"\x04\x82\x01", false},
+           {"\x1F\x01\x00"_b, false}}) {
+    // clang-format on
+    const std::vector<unsigned char> der(c.first.begin(), c.first.end());  // ASan sees overreads
+    Tlv read;
+    const bool taken = readTlv(der.data(), der.data() + der.size(), read);
+    EXPECT_EQ(taken, c.second) << ::testing::PrintToString(c.first);
+    EXPECT_TRUE(!taken || read.end() == der.data() + der.size());
+  }
+}
+
+class CertificateTest : public test::StoreTest {};
+
+// A subject and extensions read in place (which must agree with OpenSSL's reading, or leave the
+// certificate to it), lazily as a store is loaded, whole and from text; and what the filters
+// make of them.
+TEST_F(CertificateTest, IdentityIsTheSameEveryWayItIsReadAndTheFiltersFollow) {
+  const std::string cn = tlv(6, "\x55\x04\x03"),
+                    mail = tlv(6, "\x2A\x86\x48\x86\xF7\x0D\x01\x09\x01");
+  const std::string bc = tlv(6, "\x55\x1D\x13"), alt = tlv(6, "\x55\x1D\x11"),
+                    n = seq(rdn(cn, "N"));
+  const std::string ca = ext(bc, seq(tlv(1, "\xFF"))), user = ext(bc, seq(""));
+  const struct {
+    std::string subject, extensions;
+    const char* inPlace;  // "authority|email|name", or "" when left to OpenSSL
+    const char* read;     // the same, then the user and authority filters' ids; "" when refused
+  } cases[] = {
+      // clang-format off
+      {seq(rdn(cn, "a@b")), "", "0|a@b|a@b", "0|a@b|a@b|a@b|-"},
+      {seq(rdn(tlv(6, "\x55\x04\x06"), "DE", 0x13) + rdn(cn, "One") + rdn(mail, "one@x", 0x16)),
+       seq(user + ext(alt, seq(tlv(0x81, "alt@x")))), "0|one@x|One", "0|one@x|One|one@x|-"},
+      {seq(tlv(0x31, seq(mail + tlv(0x16, "e@x")) + seq(cn + tlv(0x13, "N")))), "", "0|e@x|N",
+       "0|e@x|N|e@x|-"},
+      {seq(rdn(cn, "cn@x") + rdn(mail, "", 0x16)), "", "0|cn@x|cn@x", "0|cn@x|cn@x|cn@x|-"},
+      {n + tlv(0x31, ""), "", "", ""}, {seq(rdn(cn, "N") + tlv(0x31, "")), "", "", "0||N|-|-"},
+      {seq(seq(seq(cn + tlv(0x0C, "N")))), "", "", ""},
+      {seq(rdn(cn, "\0N"_b, 0x1E)), seq(ca), "", "1||N|-|N"},
+      {seq(rdn(cn, "J\xC3\xBC") + rdn(mail, "j@x", 0x16)), "", "", "0|j@x|J\xC3\xBC|j@x|-"},
+      {seq(rdn(cn, "N", 0x13) + rdn(cn, "Caf\xE9", 0x13)), "", "", "0||N|-|-"},
+      {seq(rdn(tlv(6, "\x80\x55\x04"), "x") + rdn(cn, "N")), "", "", ""},
+      {seq(rdn(tlv(6, "\x55\x04\x83"), "x") + rdn(cn, "N")), "", "", ""},
+      {seq(rdn(tlv(6, "\x55\x80\x04"), "x") + rdn(cn, "N")), "", "", ""},
+      {seq(rdn(mail, "e@x", 0x16)), "", "", "0|e@x|/emailAddress=e@x|e@x|-"},
+      {seq(tlv(0x31, seq(cn + tlv(0x0C, "N") + tlv(5, "")))), "", "", ""},
+      {seq(rdn(tlv(6, "\x55\x04\x0A"), "Org") + rdn(mail, "o@x", 0x16)), seq(ca), "",
+       "1|o@x|/O=Org/emailAddress=o@x|-|/O=Org/emailAddress=o@x"},
+      {seq(""), seq(ca), "", "1|||-|"}, {n, seq(ca), "1||N", "1||N|-|N"},
+      {n, seq(ca + ca), "0||N", "0||N|-|-"},
+      {n, seq(ext(alt, seq(tlv(0x82, "h")))), "0||N", "0||N|-|-"},
+      {n, seq(ext(alt, seq(tlv(0x82, "h") + tlv(0x81, "alt@x")))), "0|alt@x|N",
+       "0|alt@x|N|alt@x|-"},
+      {n, seq(ext(alt, seq(tlv(0x81, "a@x"))) + ext(alt, seq(tlv(0x81, "b@x")))), "0||N",
+       "0||N|-|-"},
+      {n, seq(seq(bc + tlv(1, "\x00\x00"_b) + tlv(4, seq("")))), "", ""},
+      {n, seq(ext(bc, tlv(4, ""))), "", ""},
+  };  // clang-format on
+  X509Ptr model = test::makeCertificate(test::userSpec("u@x"));
+  const std::vector<std::string> parts = children(test::toDer(model.get())),
+                                 tbs = children(parts[0]);
+  UserCertificateFilter users;
+  AuthorityCertificateFilter authorities;
+  EXPECT_EQ(std::string(users.subdirectory()) + authorities.subdirectory(), "userca");
+  const auto id = [](const CertificateIdentity& i) {
+    return std::to_string(i.authority) + "|" + i.email + "|" + i.name;
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(::testing::PrintToString(c.subject + c.extensions));
+    CertificateIdentity read;
+    const bool taken = readCertificateIdentityFromDer(
+        bytes(c.subject), c.subject.size(), c.extensions.empty() ? nullptr : bytes(c.extensions),
+        c.extensions.size(), read);
+    EXPECT_EQ(taken ? id(read) : "", c.inPlace);
+    const std::string der =
+        seq(seq(tbs[0] + tbs[1] + tbs[2] + tbs[3] + tbs[4] + c.subject + tbs[6] +
+                (c.extensions.empty() ? "" : tlv(0xA3, c.extensions))) +
+            parts[1] + parts[2]);
+    test::writeFile(path("c.crt"), der);
+    for (const Cert& cert : {Certificate::createFromFile(path("c.crt"), false),
+                             Certificate::createFromFile(path("c.crt"), true),
+                             Certificate::createFromBase64(base64(der))}) {
+      const auto as = [&cert](CertificateFilter& f) {
+        return f.acceptsCertificate(cert) ? f.certificateId(cert) : "-";
+      };
+      EXPECT_EQ(cert ? id(cert->identity()) + "|" + as(users) + "|" + as(authorities) : "", c.read);
     }
   }
 }
 
-TEST(CertificateFileTest, RefusesWhatIsNotOneWholeCertificateWithoutReadingIt) {
-  test::TempDir dir;
-  X509Ptr cert = test::makeCertificate(CertOptions{"X", "x@y", {}});
-  const std::string der = test::toDer(cert.get());
-  const std::string pem = test::toPem(cert.get());
-  std::string badPem = pem;
-  badPem[badPem.find('\n') + 5] = '*';
-  for (const std::string& contents :
-       {std::string(), der.substr(0, der.size() - 1), der + "x",
-        std::string("\x30\x82\xFF\xFF garbage", 13), std::string("just text\n"), badPem,
-        pem.substr(0, pem.size() / 2)}) {
-    test::writeFile(dir / "bad.crt", contents);
-    EXPECT_FALSE(Certificate::createFromFile(dir / "bad.crt", false)) << contents;
-    EXPECT_FALSE(Certificate::createFromFile(dir / "bad.crt", true)) << contents;
-  }
-  test::makeDirectories(dir / "dir.crt");
-  ASSERT_EQ(::mkfifo((dir / "pipe.crt").c_str(), 0600), 0);
-  test::writeFile(dir / "huge.crt", pem);
-  ASSERT_EQ(::truncate((dir / "huge.crt").c_str(), 2LL << 30), 0);  // sparse, never read
-  for (const char* name : {"dir.crt", "pipe.crt", "huge.crt", "missing.crt"}) {
-    EXPECT_FALSE(Certificate::createFromFile(dir / name, false)) << name;
-  }
-}
-
-TEST(CertificateFileTest, ReadsKeyOnlyWithThePasswordAndTheMatchingCertificate) {
-  test::TempDir dir;
-  test::writeFile(dir / "k.crt", test::userCertPem("k@example.org"));
-  test::writeFile(dir / "k.key", test::encryptedKeyPem(test::testKey(0), "secret"));
-  test::writeFile(dir / "other.key", test::encryptedKeyPem(test::testKey(1), "secret"));
-  auto withKey = [&dir](const char* key, const std::string& password) {
-    return Certificate::createFromFileWithKey(dir / "k.crt", dir / key, password, false);
+// Both ways of reading a file, and an authority's reply, take one whole DER certificate and
+// nothing else, of at most a mebibyte, from nothing but a regular file.
+TEST_F(CertificateTest, TakesOneWholeWellFormedCertificateAndNothingElse) {
+  X509Ptr cert = test::makeCertificate(test::userSpec("u@x"));
+  const std::string der = test::toDer(cert.get()), pem = test::toPem(cert.get());
+  const std::vector<std::string> parts = children(der), tbs = children(parts[0]);
+  const std::vector<std::string> times = children(tbs[4]);
+  const auto rebuilt = [&](std::size_t at, const std::string& field, const std::string& tail = "") {
+    std::string content;
+    for (std::size_t i = 0; i < tbs.size(); ++i) content += i == at ? field : tbs[i];
+    return seq(seq(content + (at == 8 ? field : "")) + parts[1] + parts[2] + tail);
   };
-  std::shared_ptr<Certificate> read = withKey("k.key", "secret");
-  ASSERT_TRUE(read);
-  EXPECT_EQ(EVP_PKEY_eq(read->getPrivateKey(), test::testKey(0)), 1);
-  EXPECT_FALSE(withKey("k.key", "wrong"));
-  EXPECT_FALSE(withKey("k.key", ""));
-  EXPECT_FALSE(withKey("other.key", "secret"));
-  EXPECT_FALSE(withKey("none.key", "secret"));
-  // The pass phrase ends at the first NUL, as it did when the key was written.
-  EXPECT_TRUE(withKey("k.key", std::string("secret\0tail", 11)));
-}
-
-TEST(CertificateTextTest, AcceptsPemAndBareBase64OnlyWholeAndSavesPem) {
-  X509Ptr cert = test::makeCertificate(CertOptions{"T", "t@example.org", {}});
-  const std::string pem = test::toPem(cert.get());
-  const std::string body =
-      pem.substr(pem.find('\n') + 1, pem.find("-----END") - pem.find('\n') - 1);
-  std::string oneLine = body;
-  oneLine.erase(std::remove(oneLine.begin(), oneLine.end(), '\n'), oneLine.end());
-  for (const std::string& text : {pem, "\n  " + pem + "\r\n", body, " " + oneLine + "\n"}) {
-    std::shared_ptr<Certificate> read = Certificate::createFromBase64(text);
-    ASSERT_TRUE(read) << text;
-    EXPECT_EQ(X509_cmp(read->getX509(), cert.get()), 0);
+  const auto replaced = [&der](const std::string& from, const std::string& to) {
+    return std::string(der).replace(der.find(from), from.size(), to);
+  };
+  for (const std::string& refused : std::vector<std::string>{
+           rebuilt(8, tlv(0xA4, "")), rebuilt(8, tlv(0x81, "\0"_b)), rebuilt(1, tlv(2, "")),
+           rebuilt(2, seq("\x30\x05\x06\x01\x00"_b)),
+           rebuilt(4, seq(times[0] + times[0] + times[1])), rebuilt(9, "", tlv(5, "")),
+           der.substr(0, der.size() - 1), der + "x", der + der, replaced("\x17\x0D", "\x13\x0D"),
+           replaced(tbs[3], "\x10" + tbs[3].substr(1)),
+           replaced("\x04\x02\x30\x00"_b, "\x04\x02\x04\x00"_b), replaced("\x05\x00"_b, "\x05\x01"),
+           "text", "\x30\x82\xFF\xFF garbage"_b,
+           "-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n"}) {
+    test::writeFile(path("refused.crt"), refused);
+    EXPECT_FALSE(Certificate::createFromFile(path("refused.crt"), false) ||
+                 Certificate::createFromFile(path("refused.crt"), true) ||
+                 Certificate::createFromBase64(base64(refused)))
+        << ::testing::PrintToString(refused);
   }
-  for (const std::string& text : {pem + "garbage", oneLine + "QUJD", oneLine + "!", pem + pem,
-                                  std::string("   "), oneLine.substr(4)}) {
+  test::writeFile(path("limit.crt"),
+                  "Certificate:\n" + pem + std::string((1 << 20) - pem.size() - 13, '\n'));
+  test::writeFile(path("over.crt"), test::readFile(path("limit.crt")) + "\n");
+  test::writeFile(path("sparse.crt"), pem);
+  ASSERT_EQ(
+      ::truncate(path("sparse.crt").c_str(), 2LL << 30) + ::mkfifo(path("pipe.crt").c_str(), 0600),
+      0);
+  const int writer = ::open(path("pipe.crt").c_str(), O_RDWR | O_NONBLOCK);  // a FIFO holding one
+  ASSERT_EQ(::write(writer, pem.data(), pem.size()), static_cast<ssize_t>(pem.size()));
+  for (const bool whole : {false, true}) {
+    const Cert limit = Certificate::createFromFile(path("limit.crt"), whole);
+    EXPECT_EQ(limit ? limit->der() : "", der);
+    for (const char* name : {"over.crt", "pipe.crt", "sparse.crt", "none.crt", ""}) {
+      EXPECT_FALSE(Certificate::createFromFile(path(name), whole)) << name;
+    }
+  }
+  ::close(writer);
+  // Replies: PEM or bare base64 with white space around and inside, up to a mebibyte.
+  std::string body = pem.substr(28, pem.size() - 54), line = body;
+  line.erase(std::remove(line.begin(), line.end(), '\n'), line.end());
+  for (const std::string& text : {pem, "\n \t" + pem + "\r\n", body, " " + line + "\n",
+                                  pem + std::string((1 << 20) - pem.size(), ' ')}) {
+    const Cert reply = Certificate::createFromBase64(text);
+    EXPECT_EQ(reply ? reply->der() : "", der) << text;
+  }
+  for (const std::string& text :
+       {pem + "x", line + "QUJD", line + "!", std::string(" "), line.substr(4), "x" + pem,
+        pem + std::string((1 << 20) - pem.size() + 1, ' ')}) {
     EXPECT_FALSE(Certificate::createFromBase64(text)) << text;
   }
-  test::TempDir dir;
-  ASSERT_TRUE(Certificate::createFromBase64(pem)->saveToFile(dir / "saved.crt"));
-  EXPECT_EQ(test::readFile(dir / "saved.crt"), pem);
-  EXPECT_FALSE(Certificate::createFromBase64(pem)->saveToFile(dir / "missing/saved.crt"));
+  ASSERT_TRUE(Certificate::createFromBase64(pem)->saveToFile(path("saved.crt")));
+  EXPECT_EQ(test::readFile(path("saved.crt")), pem);
+  EXPECT_FALSE(Certificate::createFromBase64(pem)->saveToFile(path("missing/saved.crt")));
 }
 
-TEST(CertificateFilterTest, UserFilterTakesEndEntitiesWithAnEmailIdentity) {
-  UserCertificateFilter filter;
-  EXPECT_STREQ(filter.subdirectory(), "user");
-  CertOptions authority{"CA", "ca@x", {}};
-  authority.authority = true;
-  EXPECT_EQ(filter.certificateId(fromOptions({"Someone", "subject@x", {"alt@x"}})), "subject@x");
-  EXPECT_EQ(filter.certificateId(fromOptions({"No Mail", "", {"alt@x"}})), "alt@x");
-  EXPECT_EQ(filter.certificateId(fromOptions({"cn@x", "", {}})), "cn@x");
-  EXPECT_EQ(filter.certificateId(fromOptions({"Nobody", "", {}})), "");
-  EXPECT_TRUE(filter.acceptsCertificate(fromOptions({"cn@x", "", {}})));
-  EXPECT_FALSE(filter.acceptsCertificate(fromOptions({"Nobody", "", {}})));
-  EXPECT_FALSE(filter.acceptsCertificate(fromOptions(authority)));
-}
-
-TEST(CertificateFilterTest, AuthorityFilterTakesCertificatesWithCaConstraint) {
-  AuthorityCertificateFilter filter;
-  EXPECT_STREQ(filter.subdirectory(), "ca");
-  CertOptions named{"Root One", "", {}};
-  named.authority = true;
-  CertOptions unnamed{"", "root@x", {}};
-  unnamed.authority = true;
-  EXPECT_TRUE(filter.acceptsCertificate(fromOptions(named)));
-  EXPECT_EQ(filter.certificateId(fromOptions(named)), "Root One");
-  EXPECT_EQ(filter.certificateId(fromOptions(unnamed)), "/emailAddress=root@x");
-  EXPECT_FALSE(filter.acceptsCertificate(fromOptions({"User", "u@x", {}})));
+TEST(TextTest, Base64AndFileNamesDecodeExactlyWhatIsAllowed) {
+  using Pairs = std::vector<std::pair<std::string, std::string>>;
+  // clang-format off
+  for (const auto& c : Pairs{
+           {"", ""}, {" \t\r\n", ""}, {"QQ==", "A"}, {"QQ = =\n", "A"}, {"QUI=", "AB"},
+           {"Q U\nJ\rD\tQ Q = =", "ABCA"}, {"/+/+", "\xFF\xEF\xFE"}, {"AAAA", "\0\0\0"_b},
+           {"QUJD=", "-"}, {"QUI", "-"}, {"Q===", "-"}, {"QUJ==", "-"}, {"=QUJ", "-"},
+           {"QQ==QUJD", "-"}, {"QQ=a", "-"}, {"QU JD-", "-"}, {"QUJDQUJD\x80", "-"}}) {
+    // clang-format on
+    std::string decoded;
+    const char* text = c.first.data();
+    EXPECT_EQ(decodeBase64(text, text + c.first.size(), decoded) ? decoded : "-", c.second) << text;
+  }
+  // clang-format off
+  for (const auto& c : Pairs{{"AZaz09.-_@+", "AZaz09.-_@+"}, {"..", "%2E."}, {".a.", "%2Ea."},
+           {"", ""}, {"a/b c%\0\xC3\xA9:[`{~"_b, "a%2Fb%20c%25%00%C3%A9%3A%5B%60%7B%7E"}}) {
+    // clang-format on
+    EXPECT_EQ(encodeFilename(c.first), c.second);
+    EXPECT_EQ(decodeFilename(c.second), c.first);
+  }
+  EXPECT_EQ(decodeFilename("a%2%G0x%2e%41%ff%4%7a%Aa"), "a%2%G0x.A\xFF%4z\xAA");
+  EXPECT_EQ(to_lowercase("AZ.CrT\xC3\x89"), "az.crt\xC3\x89");
 }
 
 }  // namespace

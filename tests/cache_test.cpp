@@ -1,0 +1,321 @@
+// The cache's operations as a table of cases: the files before, a script of calls (see
+// StoreTest::script), and exactly the files, the index and the transcript of log statements and
+// results that each case must leave. The temporary directory's name holds '"' and '&', so every
+// path written <...> also checks how statements quote paths.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/storetest.h"
+
+namespace tavik {
+namespace {
+
+using T = test::StoreTest;
+using test::operator""_b;
+
+constexpr int kUnprivileged = 1;  // needs a file system that can refuse: skipped as root
+constexpr int kAnyOrder = 2;      // the statements come in the order of a directory listing
+
+struct Case {
+  const char* name;
+  const char* before;            // T::put specifications, separated by blanks
+  std::string calls;             // T::script
+  const char* after;             // T::files
+  const char* index;             // T::index
+  std::vector<std::string> log;  // statements and results; a final '*' matches a prefix
+  int flags = 0;
+  std::function<void(T&)> also = nullptr;  // what a script cannot say, run before it
+};
+void PrintTo(const Case& c, std::ostream* out) { *out << c.name; }
+
+std::string keyWritten(const std::string& file) {
+  return "trace: Key was written: <%D/" + file + ">";
+}
+std::string certWritten(const std::string& file) {
+  return "trace: Cert was written: <%D/" + file + ">";
+}
+std::string noFile(const std::string& file) {
+  return "error: Can't create file BIO: <%D/" + file + ">";
+}
+std::string renaming(const std::string& from, const std::string& to, int error) {
+  return "error: An error occurred when renaming <%D/" + from + "> to " + to +
+         ": system:" + std::to_string(error);
+}
+std::string found(const std::string& dir) {
+  return "info: Successfully found 1 certificate(s) in <" + dir + ">";
+}
+std::string keyMissing(const std::string& file) {
+  return "warning: Error reading certificate. Key missing: <" + file + ">";
+}
+const std::string kLooking = "trace: Looking for all certificates...";
+const std::string kScanD = "trace: Scanning dir %D for certificates...";
+const std::string kScanS = "trace: Scanning dir %S for certificates...";
+const std::string kNoPassword =
+    "error: Empty password specified - not accepted by PEM_write_bio_PrivateKey when a cipher is "
+    "present";
+const std::string kMade = "debug: Success making requests",
+                  kNoRequest = "error: Can't make request";
+const std::string kText =
+    "debug: Created certificate request: \n-----BEGIN CERTIFICATE REQUEST-----*";
+const std::string kLong(129, 'l');
+
+struct : Environment {
+  bool setPrivateAccessMode(const std::string&) override { return false; }
+} refusing;
+
+// clang-format off
+const Case kCases[] = {
+  // ---- loading
+  {"KeyCacheEntersPairsAndCountsCertificatesWithoutKey", "x.crt 2:y.crt 2:y.key", "open keys2",
+   "2:y.crt 2:y.key x.crt", "y@x=y",
+   {kLooking, kScanD, "debug: Certificate without private key. File missing: <%D/x.key>",
+    "warning: 1 certificate(s) without matching key (file) found in <%D>", kScanS,
+    "trace: Added certficate y@x => y", "info: Successfully found 1 certificate(s) in <%S>"}},
+  {"NothingFoundIsReportedOnceAtTheEnd", "x.crt", "open keys2", "x.crt", "",
+   {kLooking, kScanD, "debug: Certificate without private key. File missing: <%D/x.key>",
+    "warning: 1 certificate(s) without matching key (file) found in <%D>",
+    "trace: Cert store directory <%S> does not exist (we look at other locations!)",
+    "warning: Did not find any certificates with matching key in one of the dirs %R, %L"}},
+  {"LaterLocationWinsForTheSameIdentifier", "a.crt 2:a.crt=email:b@x", "open plain2; lookup a -",
+   "2:a.crt a.crt", "a=a",
+   {kLooking, kScanD, "trace: Added certficate a => a", found("%D"), kScanS,
+    "warning: Replacing certificate (a). File 'a' replaced with 'a' from '%S'", found("%S"),
+    "-> 0 a@x"}},
+  {"ExtensionOfAnyCaseLoadsAndPairsWithALowerCaseKey", "Cam1.CRT Cam1.key 2:Cam2.CRT 2:Cam2.KEY",
+   "open keys2", "2:Cam2.CRT 2:Cam2.KEY Cam1.CRT Cam1.key", "Cam1@x=Cam1",
+   {kLooking, kScanD, "trace: Added certficate Cam1@x => Cam1", found("%D"), kScanS,
+    "debug: Certificate without private key. File missing: <%S/Cam2.key>",
+    "warning: 1 certificate(s) without matching key (file) found in <%S>"}},
+  {"MixedCaseCertificateIsListedButLookedUpInLowerCase", "Cam1.CRT", "open plainq; lookup Cam1 -",
+   "Cam1.CRT", "Cam1=Cam1", {"-> 1000101"}},
+  {"SkipsOtherEntriesQuietlyAndBadCertificatesWithWarnings",
+   "good.crt A.crt.bak A.pem B.crt/ D.crt=junk ca.crt=ca:CN=CA der.crt=der", "open plain",
+   "A.crt.bak A.pem B.crt/ D.crt ca.crt dead.crt der.crt good.crt link.crt pipe.crt",
+   "der=der good=good link=link",
+   {kLooking, kScanD, "warning: Loading certificate from <%D/D.crt> failed",
+    "warning: The certificate in <%D/ca.crt> is not the required type",
+    "trace: Added certficate der => der", "trace: Added certficate good => good",
+    "trace: Added certficate link => link", "info: Successfully found 3 certificate(s) in <%D>"},
+   kAnyOrder, [](T& t) {
+     ::symlink("nowhere.crt", t.path("dead.crt").c_str());
+     ::symlink("good.crt", t.path("link.crt").c_str());
+     ::mkfifo(t.path("pipe.crt").c_str(), 0600);
+   }},
+  {"LoadingAgainKeepsEntriesWhoseFilesHaveGone", "a.crt",
+   "open plainq; unlink a.crt; put b.crt; load", "b.crt", "a=a b=b",
+   {kLooking, kScanD, "trace: Added certficate b => b", found("%D")}},
+  {"OnlyTheEnabledLevelsAreWritten", "x.crt=junk y.crt y.key",
+   "open keys; lookup y@x wrong; selfsigned - - - 0", "x.crt y.crt y.key", "y@x=y",
+   {"-> 1000103", kNoPassword, "-> 12"}, 0, [](T&) { LogFacility::setLevels(LogMask::error); }},
+  // ---- lookup
+  {"UnknownIdentifierFailsQuietly", "a.crt a.key", "open keysq; lookup nobody@x pw", "a.crt a.key",
+   "a@x=a", {"-> 1000100"}},
+  {"CertificateInALaterLocationIsFoundWithItsKey", "2:b.crt 2:b.key", "open keys2q; lookup b@x pw",
+   "2:b.crt 2:b.key", "b@x=b", {"-> 0 b@x with key"}},
+  {"UnreadableFirstCopyLeaves102ButTheSecondIsFound", "c.crt 2:c.crt",
+   "open plain2q; put c.crt=damaged; lookup c -", "2:c.crt c.crt", "c=c",
+   {"warning: Error reading certificate in '<%D/c.crt>'", "-> 1000102 c@x"}},
+  {"KeyFailuresAtEachLocationLeaveTheLastCode", "m.crt m.key 2:m.crt",
+   "open keys2q; unlink m.key; lookup m@x pw; put 2:m.key; lookup m@x wrong; unlink m.crt; "
+   "unlink 2:m.crt; lookup m@x pw", "2:m.key", "m@x=m",
+   {keyMissing("%D/m.key"), keyMissing("%S/m.key"), "-> 1000104", keyMissing("%D/m.key"),
+    "warning: Error reading certificate. Key invalid: <%S/m.key>", "-> 1000103", "-> 1000101"}},
+  {"PasswordEndsAtItsFirstNul", "k.crt",
+   "open keysq; writekey k.key a\0b 0; open keysq; lookup k@x a"_b, "k.crt k.key*", "k@x=k",
+   {keyWritten("k.key"), "-> 0", "-> 0 k@x with key"}},
+  {"CertificateOnlyInAKeyCacheUsesTheEmptyPassword",
+   "a_at_b.crt=email:a_at_b a_at_b.key=key:0: k.crt k.key",
+   "open keysq; only a@b; only k@x; unlink a_at_b.key; only a@b", "a_at_b.crt k.crt k.key",
+   "a_at_b=a_at_b k@x=k",
+   {"-> 0 a_at_b with key", "-> 1000100", keyMissing("%D/a_at_b.key"), "-> 1000104"}},
+  {"FileInfoLooksInTheRootOnly", "r.crt r.key 2:s.crt 2:s.key keyonly.key",
+   "open keys2q; fileinfo s; fileinfo keyonly; fileinfo r; open plain2q; fileinfo r",
+   "2:s.crt 2:s.key keyonly.key r.crt r.key", "r=r s=s",
+   {"6 k? c?", "5 %D/keyonly.key c?", "0 %D/r.key %D/r.crt", "0  %D/r.crt"}},
+  {"ListIdsReplacesTheVectorInByteOrder", "b.crt B.crt a.crt",
+   "open plainq; listids; open plain0q; listids", "B.crt a.crt b.crt", "",
+   {"3:{ \"B\", \"a\", \"b\" }", "0:{}"}},
+  // ---- renaming and removing
+  {"RenameFileMayAllowAMissingSourceAndReplacesTheTarget", "p.tpk=key:1 p.key",
+   "open keysq; renamefile no .tpk x .key 1; renamefile no .tpk x .key 0; renamefile p .tpk p .key "
+   "0",
+   "p.key=p.tpk", "", {"-> 1", renaming("no.tpk", "x.key", 2), "-> 0", "-> 1"}},
+  {"RenameCertMovesCertificateKeyAndPendingKey", "old.crt old.key old.tpk=key:1 lone.crt",
+   "open keysq; renamecert old new; renamecert lone alone; renamecert old newer",
+   "alone.crt=lone.crt new.crt=old.crt new.key=old.key new.tpk=old.tpk", "old@x=old",
+   {"info: Certificate in file (old) has been renamed in file store to: new", "-> 0",
+    "info: Certificate in file (lone) has been renamed in file store to: alone", "-> 0",
+    renaming("old.crt", "newer.crt", 2), "-> 1"}},
+  {"KeyThatCannotFollowBringsTheCertificateBack", "a.crt a.key a.tpk=key:1 b.key/",
+   "open keysq; renamecert a b", "a.crt a.key a.tpk b.key/", "a@x=a",
+   {renaming("a.key", "b.key", 21), "-> 7"}},
+  {"PendingKeyThatCannotFollowDoesNotChangeTheResult", "a.crt a.key a.tpk=key:1 b.tpk/",
+   "open keysq; renamecert a b", "a.tpk b.crt=a.crt b.key=a.key b.tpk/", "a@x=a",
+   {renaming("a.tpk", "b.tpk", 21),
+    "info: Certificate in file (a) has been renamed in file store to: b", "-> 0"}},
+  {"RemoveDeletesEveryFileAndTheEntry", "r.crt r.key r.tpk=key:1 c.crt c.key",
+   "open keysq; remove nobody@x; remove r@x", "c.crt c.key", "c@x=c",
+   {"-> 4", "info: Certificate (r@x) has been removed from store: <%D/r.crt>", "-> 0"}},
+  {"CertificateOnlyCacheRemovesKeyFilesToo", "c.crt c.key c.tpk=key:1", "open plainq; remove c",
+   "", "", {"info: Certificate (c) has been removed from store: <%D/c.crt>", "-> 0"}},
+  {"CertificateGoneOrElsewhereKeepsTheEntry", "g.crt g.key 2:o.crt 2:o.key",
+   "open keys2q; unlink g.crt; remove g@x; remove o@x", "2:o.crt 2:o.key g.key", "g@x=g o@x=o",
+   {"warning: Error system:0 removing cert (g@x) from cert store: <%D/g.crt>", "-> 1",
+    "warning: Error system:0 removing cert (o@x) from cert store: <%D/o.crt>", "-> 1"}},
+  {"KeyFilesThatCannotBeRemoved", "k.crt k.key/ k.tpk t.crt t.key t.tpk/",
+   "open keysq; remove k@x; remove k@x; remove t@x", "k.key/ k.tpk t.tpk/", "k@x=k",
+   {"warning: Error system:39 removing key file (k@x) from cert store: <%D/k.key>", "-> 8",
+    "warning: Error system:0 removing cert (k@x) from cert store: <%D/k.crt>", "-> 1",
+    "warning: Error system:39 removing temp key file (t@x) from cert store: <%D/t.tpk>",
+    "info: Certificate (t@x) has been removed from store: <%D/t.crt>", "-> 0"}},
+  // ---- writing and self-signed pairs
+  {"KeyWriterRemovesAFileItCouldNotFill", "", "open keysq; writekey bad.key pw empty", "", "",
+   {"error: ERROR writing '<%D/bad.key>' - PEM_write_bio_PrivateKey: error:*", "-> 1"}},
+  {"KeyWriterWarnsWhenTheKeyCannotBeMadePrivate", "", "open keysq; writekey open.key pw 0",
+   "open.key*", "",
+   {"warning: Could not set private access mode on private key file: <%D/open.key>",
+    keyWritten("open.key"), "-> 0"}, 0, [](T&) { Environment::setInstance(&refusing); }},
+  {"CertificateWriterReplacesAFileOrFailsInAMissingDirectory", "w.crt=old",
+   "open keysq; writecert w.crt w@x; writecert missing/w.crt w@x", "w.crt=pem:w@x", "",
+   {"-> 0", noFile("missing/w.crt"), "-> 1"}},
+  {"SelfSignedRefusesBadInputInItsOrder", "",
+   "open keysq; selfsigned - - - 0; selfsigned subject - pw 0; selfsigned - " + std::string(60, 'a')
+   + "@b.cd pw 0; selfsigned bad \xC3(@x pw 0", "", "",
+   {kNoPassword, "-> 12", "error: atleast one of email/subject must be set in the certificate",
+    "-> 13", "-> 1", "-> 1"}},
+  {"ExistingKeyDecidesAboutOverwriting", "a.crt=old d.key/ e.crt/",
+   "open keysq; selfsigned a a@x pw 0; selfsigned a a@x pw 0; put a.key=mine; "
+   "selfsigned a a@x pw 1; selfsigned d d@x pw 0; selfsigned d d@x pw 1; selfsigned e e@x pw 0",
+   "a.crt* a.key* d.key/ e.crt/", "",
+   {keyWritten("a.key"), "-> 0", "-> 2", keyWritten("a.key"), "-> 0", "-> 2", noFile("d.key"),
+    "-> 1", keyWritten("e.key"), noFile("e.crt"), "-> 1"}},
+  {"NewKeyFilesAreForTheirOwnerOnlyWhateverTheUmask", "",
+   "umask 022; open keysq; selfsigned - s@x pw 0; csr - r@x pw 0; install - r@x 0; "
+   "mode s_at_x.key; mode s_at_x.crt; mode r_at_x.key",
+   "r_at_x.crt=pem:r@x r_at_x.key* s_at_x.crt* s_at_x.key*", "",
+   {keyWritten("s_at_x.key"), "-> 0", kMade, kText, keyWritten("r_at_x.tpk"), "-> 0",
+    "trace: Temporary private key file for <%D/r_at_x.crt> was renamed successflly",
+    certWritten("r_at_x.crt"), "-> 0", "s_at_x.key 384", "s_at_x.crt 420", "r_at_x.key 384"}},
+  // ---- requests
+  {"SecondRequestReplacesThePendingKey", "",
+   "open keysq; csr - p@x pw 0; put p_at_x.tpk=mine; csr - p@x pw 0", "p_at_x.tpk*", "",
+   {kMade, kText, keyWritten("p_at_x.tpk"), "-> 0", kMade, kText, keyWritten("p_at_x.tpk"),
+    "-> 0"}},
+  {"CleanupRemovesThePendingKeyOnce", "p_at_x.tpk p_at_x.key",
+   "open keysq; cleanup - p@x; cleanup - p@x", "p_at_x.key", "",
+   {"trace: Key was cleaned up: <%D/p_at_x.tpk>", "-> 0",
+    "error: Error (system:0) deleting temporary private key file: <%D/p_at_x.tpk>", "-> 11"}},
+  {"FlagsDecideAboutAnExistingKey", "k.key",
+   "open keysq; csr k k@x pw 0; csr k k@x pw 1; csr k k@x pw 5", "k.key* k.tpk*", "",
+   {"-> 2", kMade, kText, keyWritten("k.tpk"), "-> 0", kMade, kText, keyWritten("k.key"), "-> 0"}},
+  {"RequestRefusalsComeInTheirOrder", "",
+   "open plainq; csr - - - 0; cleanup - -; open keysq; csr - - - 0; csr - - pw 0; cleanup - -; "
+   "csr - " + kLong + " pw 0", "", "",
+   {"-> 9", "-> 9", kNoPassword, "-> 12", "-> 3", "-> 3", kNoRequest,
+    "error: Can't generate Certificate Request or private key: <%D/" + kLong + ".key>", "-> 1"}},
+  {"RequestWhoseKeyCannotBeStoredStillGivesItsText", "", "open keysq; unlink -; csr - n@x pw 0",
+   "", "", {kMade, kText, noFile("n_at_x.tpk"), "-> 1"}},
+  {"RequestBuilderRefusesAnAddressItCannotStore", "",
+   "request -; request " + kLong + "; request caf\xC3\xA9@x; request a@x", "", "",
+   {kNoRequest, "01 untouched", kNoRequest, "01 untouched", kNoRequest, "01 untouched", kMade,
+    kText, "11 -----BEGIN CERTIFICATE REQUEST-----"}},
+  // ---- installing
+  {"InstallRefusesWhatIsNotACertificateOrHasNoName", "",
+   "open keysq; install id junk 0; install - garbage 0; install - nomail 0", "", "",
+   {"error: Can't save certificate to file. Not a valid certificate: id", "-> 1",
+    "error: Can't save certificate to file. Not a valid certificate: ", "-> 1",
+    "error: Can't save certificate to file. Invalid ID: ", "-> 3"}},
+  {"PendingKeyBecomesTheKeyUnlessACertificateIsInTheWay", "p_at_x.tpk p_at_x.crt=installed",
+   "open keysq; install - p@x 0; install - p@x 1", "p_at_x.crt=pem:p@x p_at_x.key=p_at_x.tpk", "",
+   {"-> 2", "trace: Temporary private key file for <%D/p_at_x.crt> was renamed successflly",
+    certWritten("p_at_x.crt"), "-> 0"}},
+  {"NoPendingKeyTakesTheNewCertificateAwayAgain", "",
+   "open keysq; install - q@x 0; put q_at_x.crt=installed; put q_at_x.key; install q_at_x q@x 1",
+   "q_at_x.crt q_at_x.key", "",
+   {renaming("q_at_x.tpk", "q_at_x.key", 2), "-> 10", renaming("q_at_x.tpk", "q_at_x.key", 2),
+    "-> 10"}},
+  {"CertificateOnlyCacheWritesTheCertificateAlone", "named.tpk",
+   "open plainq; install named n@x 0; install x/y n@x 0",
+   "named.crt=pem:n@x named.tpk x%2Fy.crt=pem:n@x", "",
+   {certWritten("named.crt"), "-> 0", certWritten("x%2Fy.crt"), "-> 0"}},
+  {"InstallIntoAMissingDirectoryFails", "", "open plainq; unlink -; install named n@x 0", "", "",
+   {"error: Can't save certificate: <%D/named.crt>", "-> 1"}},
+  // ---- hostile names, from subjects, addresses and identities inside certificates
+  {"HostileNamesAreFileNamesInTheCacheDirectory", "%2E.%2F..%2Fi_at_x.tpk user.tpk",
+   "open keysq; selfsigned .. a@x pw 0; selfsigned ../x a@x pw 1; selfsigned - ../../v@x pw 0; "
+   "csr /etc/passwd a@x pw 0; csr - a/b@x pw 4; cleanup ../../victim -; cleanup - ../v@x; "
+   "install - ../../i@x 0; install user /i@x 1; selfsigned .hidden a@x pw 0; selfsigned nul\0in "
+   "a@x pw 0; selfsigned %2E%2E%2Fx a@x pw 0; selfsigned - \x01\x1b[31m@x pw 0; selfsigned "_b
+   + std::string(300, 'a') + " a@x pw 0; selfsigned " + std::string(100, '/') + " a@x pw 0",
+   "%01%1B%5B31m_at_x.crt* %01%1B%5B31m_at_x.key* %252E%252E%252Fx.crt* %252E%252E%252Fx.key* "
+   "%2E.%2F..%2Fi_at_x.crt=pem:../../i@x %2E.%2F..%2Fi_at_x.key=%2E.%2F..%2Fi_at_x.tpk "
+   "%2E.%2F..%2Fv_at_x.crt* %2E.%2F..%2Fv_at_x.key* %2E.%2Fx.crt* %2E.%2Fx.key* %2E..crt* "
+   "%2E..key* %2Ehidden.crt* %2Ehidden.key* %2Fetc%2Fpasswd.tpk* a%2Fb_at_x.key* nul%00in.crt* "
+   "nul%00in.key* user.crt=pem:/i@x user.key=user.tpk", "",
+   {"-> 0", "-> 0", "-> 0", "-> 0", "-> 0", "-> 11", "-> 11", "-> 0", "-> 0", "-> 0", "-> 0",
+    "-> 0", "-> 0", "-> 1", "-> 1"}, 0,
+   [](T& t) { test::writeFile(t.dir_ + "/victim.tpk", "victim"), LogFacility::setLevels(0); }},
+  // ---- as a user whom the file system refuses, run by run_unprivileged.sh
+  {"UnreadableCertificateIsSkippedWithItsWarning", "locked.crt",
+   "chmod locked.crt 0; open plain; chmod locked.crt 600", "locked.crt", "",
+   {kLooking, kScanD, "warning: Loading certificate from <%D/locked.crt> failed",
+    "info: Did not find any certificates in one of the dirs %R"}, kUnprivileged},
+  {"UnlistableCacheDirectoryGivesAnEmptyIndex", "a.crt a.key", "chmod - 0; open keys; chmod - 700",
+   "a.crt a.key", "",
+   {kLooking, kScanD, "warning: Did not find any certificates with matching key in one of the "
+    "dirs %R"},
+   kUnprivileged},
+  {"UnreadableFilesFailLookupsWithTheirCodes", "a.crt a.key",
+   "open keysq; chmod a.key 0; lookup a@x pw; open plainq; chmod a.crt 0; lookup a -; "
+   "chmod - 600; fileinfo a; chmod - 700; chmod a.crt 600; chmod a.key 600", "a.crt a.key", "a=a",
+   {"warning: Error reading certificate. Key invalid: <%D/a.key>", "-> 1000103",
+    "warning: Error reading certificate in '<%D/a.crt>'", "-> 1000102", "throws"}, kUnprivileged},
+  {"LockedDirectoryRefusesEveryChange", "a.crt a.key a.tpk=key:1",
+   "open keysq; chmod - 555; selfsigned - s@x pw 0; csr - r@x pw 0; renamecert a b; remove a@x; "
+   "cleanup a -; install - n@x 0; install a a@x 1; chmod - 700", "a.crt a.key a.tpk", "a@x=a",
+   {noFile("s_at_x.key"), "-> 1", kMade, kText, noFile("r_at_x.tpk"), "-> 1",
+    renaming("a.crt", "b.crt", 13), "-> 1",
+    "warning: Error system:13 removing cert (a@x) from cert store: <%D/a.crt>", "-> 1",
+    "error: Error (system:13) deleting temporary private key file: <%D/a.tpk>", "-> 11",
+    "error: Can't save certificate: <%D/n_at_x.crt>", "-> 1", renaming("a.tpk", "a.key", 13),
+    "-> 10"}, kUnprivileged},
+};
+// clang-format on
+
+class CacheTest : public T, public ::testing::WithParamInterface<Case> {};
+
+TEST_P(CacheTest, LeavesExactlyItsFilesIndexAndLog) {
+  const Case& c = GetParam();
+  if ((c.flags & kUnprivileged) != 0 && ::geteuid() == 0)
+    GTEST_SKIP() << "needs a refusing file system";
+  put(test::words(c.before));
+  if (c.also) c.also(*this);
+  const auto outside = [this] {  // of the cache directories, which nothing may change
+    std::map<std::string, std::string> tree = test::snapshot(dir_);
+    for (const char* cacheDir : {"root/user", "second/user"}) {
+      tree.erase(tree.lower_bound(cacheDir), tree.lower_bound(cacheDir + std::string("0")));
+    }
+    return tree;
+  };
+  const std::map<std::string, std::string> before = outside();
+  script(c.calls);
+  EXPECT_EQ(outside(), before);
+  std::vector<::testing::Matcher<std::string>> expected;
+  for (const std::string& line : c.log) {
+    const bool prefix = line.back() == '*';
+    if (prefix) expected.push_back(::testing::StartsWith(expand(line.substr(0, line.size() - 1))));
+    if (!prefix) expected.push_back(::testing::Eq(expand(line)));
+  }
+  EXPECT_THAT(files(), ::testing::ElementsAreArray(test::words(c.after)));
+  EXPECT_THAT(index(), ::testing::ElementsAreArray(test::words(c.index)));
+  using Log = ::testing::Matcher<std::vector<std::string>>;
+  EXPECT_THAT(log_, (c.flags & kAnyOrder) != 0 ? Log(::testing::UnorderedElementsAreArray(expected))
+                                               : Log(::testing::ElementsAreArray(expected)));
+}
+
+INSTANTIATE_TEST_SUITE_P(Cache, CacheTest, ::testing::ValuesIn(kCases), [](const auto& info) {
+  return std::string((info.param.flags & kUnprivileged) ? "Unprivileged" : "") + info.param.name;
+});
+
+}  // namespace
+}  // namespace tavik

@@ -1,0 +1,322 @@
+// The one store fixture: a temporary store with a root and a second location, files made from
+// short specifications, calls made from short scripts, and a transcript of every log statement
+// and every result.
+#ifndef TAVIK_TESTS_SUPPORT_STORETEST_H_
+#define TAVIK_TESTS_SUPPORT_STORETEST_H_
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <boost/filesystem.hpp>
+#include <boost/make_shared.hpp>
+#include <fstream>
+#include <iomanip>
+#include <map>
+#include <sstream>
+
+#include "base/environment.h"
+#include "crypto/certificatefilecache.h"
+#include "log/log.h"
+#include "support/certbuilder.h"
+
+namespace tavik {
+namespace test {
+
+namespace fs = boost::filesystem;
+
+inline std::string operator""_b(const char* bytes, std::size_t size) { return {bytes, size}; }
+inline std::string quote(const std::string& text) { return "'" + text + "'"; }  // no "'" in paths
+inline std::vector<std::string> words(const std::string& text) {
+  std::istringstream in(text);
+  return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
+}
+inline std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+inline void writeFile(const std::string& path, const std::string& contents) {
+  fs::create_directories(fs::path(path).parent_path());
+  std::ofstream(path, std::ios::binary) << contents;
+}
+// Everything below `dir` (nothing when it is missing): relative path to mode, type and content.
+inline std::map<std::string, std::string> snapshot(const std::string& dir) {
+  std::map<std::string, std::string> tree;
+  boost::system::error_code error;
+  for (fs::recursive_directory_iterator it(dir, error), end; !error && it != end;
+       it.increment(error)) {
+    const fs::file_status status = it->symlink_status();
+    tree[fs::relative(it->path(), dir).string()] =
+        std::to_string(status.permissions()) + std::to_string(status.type()) +
+        (fs::is_regular_file(status) ? readFile(it->path().string()) : "");
+  }
+  return tree;
+}
+// Runs a shell command: its exit status, and its standard output in `out`.
+inline int shell(const std::string& command, std::string* out = nullptr) {
+  FILE* pipe = ::popen(command.c_str(), "r");
+  char buffer[4096];
+  std::string text;
+  for (std::size_t got; pipe && (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
+    text.append(buffer, got);
+  }
+  const int status = pipe ? ::pclose(pipe) : -1;
+  if (out != nullptr) *out = text;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+class StoreTest : public ::testing::Test {
+ public:
+  void SetUp() override {
+    // '"' and '&' in every path check how statements quote paths.
+    std::string pattern = (fs::temp_directory_path() / "tavik\"&XXXXXX").string();
+    if (::mkdtemp(&pattern[0]) == nullptr) throw std::runtime_error("mkdtemp failed");
+    dir_ = pattern, root_ = dir_ + "/root", second_ = dir_ + "/second";
+    fs::create_directories(root_ + "/user");
+    LogFacility::setLevels(0x3E);
+    LogFacility::setSink([this](const LogRecord& record) {
+      log_.push_back(LogFacility::levelName(record.level) + (": " + record.message));
+    });
+  }
+  void TearDown() override {
+    cache_.reset();
+    LogFacility::setSink(nullptr);
+    LogFacility::setLevels(LogMask::error | LogMask::warning);
+    LogFacility::setUp(true);
+    Environment::setInstance(nullptr);
+    boost::system::error_code error;
+    if (fs::remove_all(dir_, error) == 0 || error)
+      shell("chmod -R u+rwx " + quote(dir_) + "; rm -rf " + quote(dir_));
+  }
+
+  // A file in the root's cache directory ("a.crt"), or in the second location's ("2:a.crt").
+  std::string path(const std::string& spec) const {
+    const bool second = spec.compare(0, 2, "2:") == 0;
+    const std::string name = spec.substr(2 * second);
+    return (second ? second_ : root_) + "/user" + (name.empty() ? "" : "/" + name);
+  }
+
+  // Makes files named as path() names them ("x/": a directory holding a file). After '=' comes
+  // the content: "key:N[:PASSWORD]" (testKey(N) under "pw" or PASSWORD), "email:ADDRESS" (a user
+  // certificate), "der", "ca:SUBJECT" (an authority), "cert:SUBJECT" (no extensions; SUBJECT as
+  // "CN=a/emailAddress=b") or text. By default a ".crt" is a user certificate
+  // whose address is the base name with "_at_" read as "@" (else "@x" appended), and any other
+  // file is testKey(0) under "pw".
+  void put(const std::vector<std::string>& specs) {
+    for (const std::string& spec : specs) {
+      const std::string name = spec.substr(0, spec.find('='));
+      std::string content = spec.substr(std::min(spec.size(), name.size() + 1));
+      std::string email = fs::path(path(name)).stem().string();
+      const std::size_t at = email.find("_at_");
+      email = at != std::string::npos ? email.replace(at, 4, "@") : email + "@x";
+      if (content.compare(0, 6, "email:") == 0) email = content.substr(6), content = "";
+      const std::string extension = fs::path(name).extension().string();
+      const bool crt = extension == ".crt" || extension == ".CRT";
+      if (content.empty() && !crt) content = "key:0";
+      if (content.compare(0, 4, "key:") == 0) {
+        const std::size_t colon = content.find(':', 4);
+        content = encryptedKeyPem(testKey(std::stoi(content.substr(4))),
+                                  colon == std::string::npos ? "pw" : content.substr(colon + 1));
+      }
+      static std::map<std::string, std::string> made;  // signing is slow
+      if (!made[content].empty()) content = made[content];
+      if (content.compare(0, 3, "ca:") == 0 || content.compare(0, 5, "cert:") == 0) {
+        CertSpec spec;
+        std::istringstream parts(content.substr(content.find(':') + 1));
+        for (std::string part; std::getline(parts, part, '/');)
+          spec.subject.emplace_back(part.substr(0, part.find('=')),
+                                    part.substr(part.find('=') + 1));
+        if (content[1] == 'a') spec.extensions = {{NID_basic_constraints, "CA:TRUE"}};
+        content = made[content] = toPem(makeCertificate(spec).get());
+      }
+      if (content.empty() || content == "der") {
+        content = content == "der" ? toDer(userCertificate(email)) : pem(email);
+      }
+      writeFile(path(name) + (name.back() == '/' ? "f" : ""), content);
+      written_[content] = name;
+    }
+  }
+
+  // The cache directories' entries, sorted and named as put() names them; a file holding what
+  // put() wrote to another shows as "b.key=a.key", one holding pem(EMAIL) as "b.crt=pem:EMAIL",
+  // any other new content as "b.key*".
+  std::vector<std::string> files() const {
+    std::vector<std::string> names;
+    for (const std::string location : {"", "2:"}) {
+      boost::system::error_code error;
+      for (fs::directory_iterator it(path(location), error), end; !error && it != end; ++it) {
+        std::string name = location + it->path().filename().string();
+        const fs::file_type type = it->symlink_status().type();
+        const std::string text = type == fs::regular_file ? readFile(it->path().string()) : "";
+        const auto origin = written_.find(text);
+        const auto made = std::find_if(pems().begin(), pems().end(),
+                                       [&text](const auto& e) { return e.second == text; });
+        if (type == fs::directory_file) name += "/";
+        if (type == fs::regular_file && origin == written_.end()) {
+          name += made == pems().end() ? "*" : "=pem:" + made->first;
+        } else if (type == fs::regular_file && origin->second != name) {
+          name += "=" + origin->second;
+        }
+        names.push_back(name);
+      }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  // A new cache: "keys" or "plain", then '2' (a second location), '0' (no location), 'c' (of
+  // authorities), 'q' (its loading is not logged).
+  CertFileCache& open(const std::string& kind) {
+    cache_.reset();
+    std::vector<std::string> locations;
+    if (kind.find('0') == std::string::npos) locations.push_back(root_);
+    if (kind.find('2') != std::string::npos) locations.push_back(second_);
+    store_ = std::make_unique<CertificateStore>(root_, locations);
+    if (kind.find('c') != std::string::npos)
+      filter_ = boost::make_shared<AuthorityCertificateFilter>();
+    LogFacility::setUp(kind.back() != 'q');
+    cache_ = std::make_unique<CertFileCache>(*store_, filter_, kind[0] == 'k');
+    LogFacility::setUp(true);
+    return *cache_;
+  }
+  std::vector<std::string> index() const {  // "id=base", in order
+    std::vector<std::string> ids;
+    if (cache_) cache_->listIds(ids);
+    for (std::string& id : ids) id += "=" + cache_->getFileBaseName(id);
+    return ids;
+  }
+  void note(const std::string& what) { log_.push_back(what), notes_.push_back(what); }
+  void note(int result) { note("-> " + std::to_string(result)); }
+
+  // Runs calls separated by ';', noting each result. "open KIND" (see open()), "load", "lookup ID
+  // PASSWORD", "only ID", "lazy ID" (the loadFlag false; noted -1 when the certificate then does
+  // not decode), "fileinfo BASE", "listids", "renamefile BASE EXT NEWBASE NEWEXT ALLOWMISSING",
+  // "renamecert BASE NEWBASE", "remove ID", "writekey FILE PASSWORD N|empty", "writecert FILE
+  // EMAIL", "selfsigned SUBJECT EMAIL PASSWORD FLAGS", "csr SUBJECT EMAIL PASSWORD FLAGS",
+  // "cleanup SUBJECT EMAIL", "install ID EMAIL|junk|garbage|nomail OVERWRITE", "request EMAIL"
+  // (CertReq), "verifycsr KEYFILE", "put SPEC", "cadir", "unlink FILE", "chmod FILE MODE", "umask
+  // MODE", "mode FILE". "-" is the empty string.
+  void script(const std::string& text) {
+    std::istringstream calls(text);
+    for (std::string call; std::getline(calls, call, ';');) {
+      std::vector<std::string> a = words(call);
+      for (std::string& word : a) word = word == "-" ? "" : word;
+      a.resize(8);
+      const std::string& c = a[0];
+      struct stat info {};
+      if (c == "open") open(a[1]);
+      if (c == "load") cache_->load();
+      if (c == "lookup" || c == "only" || c == "lazy") {
+        int code = -1;
+        std::shared_ptr<Certificate> found =
+            c == "only" ? cache_->getCertificateOnly(a[1], code, true)
+                        : cache_->getCertificate(a[1], a[2], code, c != "lazy");
+        note("-> " + std::to_string(found && !found->getX509() ? -1 : code) +
+             (found ? " " + found->identity().email : "") +
+             (found && found->getPrivateKey() ? " with key" : ""));
+      }
+      try {
+        if (c == "fileinfo")
+          note(std::to_string(cache_->getFileInfo(a[1], key_, cert_)) + " " + key_ + " " + cert_);
+      } catch (const fs::filesystem_error&) {
+        note("throws");
+      }
+      std::vector<std::string> ids = {"stale"};
+      const std::size_t listed = c == "listids" ? cache_->listIds(ids) : 0;
+      if (c == "listids") note(std::to_string(listed) + ":" + ::testing::PrintToString(ids));
+      if (c == "renamefile")
+        note(cache_->renameFile(a[1], a[2].c_str(), a[3], a[4].c_str(), a[5] == "1"));
+      if (c == "renamecert") note(cache_->renameCert(a[1], a[2]));
+      if (c == "remove") note(cache_->removeCert(a[1]));
+      PkeyHandle empty(c == "writekey" ? EVP_PKEY_new() : nullptr);
+      if (c == "writekey") {
+        note(cache_->writePrivateKey(path(a[1]), a[2],
+                                     a[3] == "empty" ? empty.get() : testKey(std::stoi(a[3]))));
+      }
+      if (c == "writecert") note(cache_->writeCert(path(a[1]), (pem(a[2]), userCertificate(a[2]))));
+      if (c == "selfsigned")
+        note(cache_->createSelfSignedKeyPair(a[1], a[2], a[3], std::stoi(a[4])));
+      if (c == "csr") note(cache_->createCsr(a[1], a[2], a[3], std::stoi(a[4]), csr_));
+      if (c == "cleanup") note(cache_->cleanupCsr(a[1], a[2]));
+      if (c == "install") {
+        const std::string text = a[2] == "junk"      ? "not a certificate"
+                                 : a[2] == "garbage" ? pem("t@x") + "garbage"
+                                 : a[2] == "nomail"
+                                     ? toPem(makeCertificate({{{"CN", "No Mail"}}, {}}).get())
+                                     : pem(a[2]);
+        note(cache_->saveCert(a[1], text, a[3] == "1"));
+      }
+      if (c == "request") {
+        csr_ = "untouched";
+        CertReq request(a[1], csr_, 1024);
+        note(std::to_string(request.generated) + std::to_string(!!request.pkey) + " " +
+             csr_.substr(0, 35));
+      }
+      if (c == "verifycsr") {  // the request made last verifies with the key in the file
+        BioPtr request(BIO_new_mem_buf(csr_.data(), -1)),
+            key(BIO_new_file(path(a[1]).c_str(), "r"));
+        X509ReqPtr req(request ? PEM_read_bio_X509_REQ(request.get(), nullptr, nullptr, nullptr)
+                               : nullptr);
+        PkeyHandle pkey(
+            key ? PEM_read_bio_PrivateKey(key.get(), nullptr, nullptr, const_cast<char*>("pw"))
+                : nullptr);
+        note(req && pkey && X509_REQ_verify(req.get(), pkey.get()) == 1 ? "verifies"
+                                                                        : "does not verify");
+      }
+      if (c == "put") put({a[1]});
+      if (c == "cadir") fs::create_directory_symlink("user", root_ + "/ca");  // the same files
+      if (c == "unlink") fs::remove(path(a[1]));
+      if (c == "chmod") ::chmod(path(a[1]).c_str(), std::stoi(a[2], nullptr, 8));
+      if (c == "umask") ::umask(std::stoi(a[1], nullptr, 8));
+      if (c == "mode" && ::stat(path(a[1]).c_str(), &info) == 0) {
+        note(a[1] + " " + std::to_string(info.st_mode & 0777));
+      }
+    }
+  }
+
+  // A user certificate for `email`, and its PEM, made once: signing is slow, and nothing may be
+  // made while allocations are being failed.
+  static X509* userCertificate(const std::string& email) {
+    static std::map<std::string, X509Ptr> made;
+    if (!made[email]) made[email] = makeCertificate(userSpec(email));
+    return made[email].get();
+  }
+  static std::map<std::string, std::string>& pems() {
+    static std::map<std::string, std::string> made;
+    return made;
+  }
+  static const std::string& pem(const std::string& email) {
+    if (pems()[email].empty()) pems()[email] = toPem(userCertificate(email));
+    return pems()[email];
+  }
+
+  // `text` with %D and %S (the root's and the second's cache directories), %R and %L (the root
+  // and the second location) replaced, and <...> as statements quote a path.
+  std::string expand(std::string text) const {
+    const std::string with[] = {path(""), path("2:"), root_, second_};
+    for (std::size_t at = 0; (at = text.find_first_of("%<", at)) != std::string::npos;) {
+      const std::size_t which = std::string("DSRL").find(text[at + 1]), close = text.find('>', at);
+      std::ostringstream quoted;
+      if (text[at] == '<')
+        quoted << std::quoted(expand(text.substr(at + 1, close - at - 1)), '"', '&');
+      const std::string by = text[at] == '<' ? quoted.str() : which < 4 ? with[which] : "%";
+      text.replace(at, text[at] == '<' ? close - at + 1 : which < 4 ? 2 : 1, by);
+      at += by.size();
+    }
+    return text;
+  }
+
+  std::string dir_, root_, second_;
+  std::vector<std::string> log_, notes_;        // statements and results; the results alone
+  std::map<std::string, std::string> written_;  // content -> the file put() wrote it to
+  std::unique_ptr<CertificateStore> store_;
+  boost::shared_ptr<CertificateFilter> filter_ = boost::make_shared<UserCertificateFilter>();
+  std::unique_ptr<CertFileCache> cache_;
+  std::string key_ = "k?", cert_ = "c?", csr_;  // what the script's calls fill in
+};
+
+}  // namespace test
+}  // namespace tavik
+
+#endif  // TAVIK_TESTS_SUPPORT_STORETEST_H_
