@@ -92,6 +92,7 @@ TEST_F(CertificateTest, IdentityIsTheSameEveryWayItIsReadAndTheFiltersFollow) {
        "0|e@x|N|e@x|-"},
       {seq(rdn(cn, "cn@x") + rdn(mail, "", 0x16)), "", "0|cn@x|cn@x", "0|cn@x|cn@x|cn@x|-"},
       {n + tlv(0x31, ""), "", "", ""}, {seq(rdn(cn, "N") + tlv(0x31, "")), "", "", "0||N|-|-"},
+      {n + rdn(cn, "M"), "", "", ""},
       {seq(seq(seq(cn + tlv(0x0C, "N")))), "", "", ""},
       {seq(rdn(cn, "\0N"_b, 0x1E)), seq(ca), "", "1||N|-|N"},
       {seq(rdn(cn, "J\xC3\xBC") + rdn(mail, "j@x", 0x16)), "", "", "0|j@x|J\xC3\xBC|j@x|-"},
