@@ -82,7 +82,7 @@ bool generateStore(const std::string& storesDir, std::size_t count, std::string&
       const std::string email = certificateEmail(i);
       char commonName[32];
       std::snprintf(commonName, sizeof commonName, "Bench User %06zu", i);
-      test::CertSpec user{
+      test::CertRecipe user{
           {{"C", "DE"}, {"O", "Tavik Bench"}, {"CN", commonName}, {"emailAddress", email}},
           {{NID_basic_constraints, "critical,CA:FALSE"},
            {NID_key_usage, "critical,digitalSignature,keyEncipherment"},

@@ -18,7 +18,7 @@ constexpr int kAnyOrder = 2;      // the statements come in the order of a direc
 
 struct Case {
   const char* name;
-  const char* before;            // T::put specifications, separated by blanks
+  const char* before;            // T::put entries, separated by blanks
   std::string calls;             // T::script
   const char* after;             // T::files
   const char* index;             // T::index

@@ -114,7 +114,7 @@ TEST_F(CertificateTest, IdentityIsTheSameEveryWayItIsReadAndTheFiltersFollow) {
       {n, seq(seq(bc + tlv(1, "\x00\x00"_b) + tlv(4, seq("")))), "", ""},
       {n, seq(ext(bc, tlv(4, ""))), "", ""},
   };  // clang-format on
-  X509Ptr model = test::makeCertificate(test::userSpec("u@x"));
+  X509Ptr model = test::makeCertificate(test::userRecipe("u@x"));
   const std::vector<std::string> parts = children(test::toDer(model.get())),
                                  tbs = children(parts[0]);
   UserCertificateFilter users;
@@ -149,7 +149,7 @@ TEST_F(CertificateTest, IdentityIsTheSameEveryWayItIsReadAndTheFiltersFollow) {
 // Both ways of reading a file, and an authority's reply, take one whole DER certificate and
 // nothing else, of at most a mebibyte, from nothing but a regular file.
 TEST_F(CertificateTest, TakesOneWholeWellFormedCertificateAndNothingElse) {
-  X509Ptr cert = test::makeCertificate(test::userSpec("u@x"));
+  X509Ptr cert = test::makeCertificate(test::userRecipe("u@x"));
   const std::string der = test::toDer(cert.get()), pem = test::toPem(cert.get());
   const std::vector<std::string> parts = children(der), tbs = children(parts[0]);
   const std::vector<std::string> times = children(tbs[4]);

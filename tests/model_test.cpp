@@ -39,9 +39,9 @@ class ModelTest : public test::StoreTest {
       BioPtr bio(BIO_new_mem_buf(requests_[forKey].data(), -1));
       X509ReqPtr request(PEM_read_bio_X509_REQ(bio.get(), nullptr, nullptr, nullptr));
       PkeyHandle key(request ? X509_REQ_get_pubkey(request.get()) : nullptr);
-      test::CertSpec spec = test::userSpec(email, key ? key.get() : test::testKey(2));
-      spec.signer = test::testKey(3);
-      result = cache_->saveCert("", test::toPem(test::makeCertificate(spec).get()), flags & 1);
+      test::CertRecipe recipe = test::userRecipe(email, key ? key.get() : test::testKey(2));
+      recipe.signer = test::testKey(3);
+      result = cache_->saveCert("", test::toPem(test::makeCertificate(recipe).get()), flags & 1);
       expected = (flags & 1) == 0 && f.crt ? 2 : !f.tpk ? 10 : 0;
       if (expected == 0) f = {forKey, f.tpk, std::nullopt};
     } else if (op == 'r') {

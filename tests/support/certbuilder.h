@@ -22,7 +22,7 @@ inline EVP_PKEY* testKey(int which) {
   return keys.at(which).get();
 }
 
-struct CertSpec {
+struct CertRecipe {
   std::vector<std::pair<std::string, std::string>> subject;  // ("CN", "Some One"), ... in UTF-8
   std::vector<std::pair<int, std::string>> extensions;       // NID and OpenSSL config value
   EVP_PKEY* key = nullptr;     // the subject's key; testKey(0) when null
@@ -32,17 +32,17 @@ struct CertSpec {
 };
 
 // Serial 2; version 1 without extensions, else 3.
-inline X509Ptr makeCertificate(const CertSpec& spec) {
-  EVP_PKEY* key = spec.key != nullptr ? spec.key : testKey(0);
+inline X509Ptr makeCertificate(const CertRecipe& recipe) {
+  EVP_PKEY* key = recipe.key != nullptr ? recipe.key : testKey(0);
   X509Ptr cert(X509_new());
-  X509* issuer = spec.issuer != nullptr ? spec.issuer : cert.get();
+  X509* issuer = recipe.issuer != nullptr ? recipe.issuer : cert.get();
   X509_NAME* subject = X509_get_subject_name(cert.get());
-  bool made = X509_set_version(cert.get(), spec.extensions.empty() ? 0 : 2) &&
+  bool made = X509_set_version(cert.get(), recipe.extensions.empty() ? 0 : 2) &&
               ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 2) &&
               X509_gmtime_adj(X509_getm_notBefore(cert.get()), -86400) &&
-              X509_gmtime_adj(X509_getm_notAfter(cert.get()), spec.days * 86400) &&
+              X509_gmtime_adj(X509_getm_notAfter(cert.get()), recipe.days * 86400) &&
               X509_set_pubkey(cert.get(), key);
-  for (const auto& entry : spec.subject) {
+  for (const auto& entry : recipe.subject) {
     const auto* value = reinterpret_cast<const unsigned char*>(entry.second.c_str());
     made = made && X509_NAME_add_entry_by_txt(subject, entry.first.c_str(), MBSTRING_UTF8, value,
                                               -1, -1, 0);
@@ -50,20 +50,20 @@ inline X509Ptr makeCertificate(const CertSpec& spec) {
   made = made && X509_set_issuer_name(cert.get(), X509_get_subject_name(issuer));
   X509V3_CTX context;
   X509V3_set_ctx(&context, issuer, cert.get(), nullptr, nullptr, 0);
-  for (const auto& wanted : spec.extensions) {
+  for (const auto& wanted : recipe.extensions) {
     X509_EXTENSION* extension =
         X509V3_EXT_nconf_nid(nullptr, &context, wanted.first, wanted.second.c_str());
     made = made && extension != nullptr && X509_add_ext(cert.get(), extension, -1);
     X509_EXTENSION_free(extension);
   }
-  if (!made || X509_sign(cert.get(), spec.signer ? spec.signer : key, EVP_sha256()) <= 0) {
+  if (!made || X509_sign(cert.get(), recipe.signer ? recipe.signer : key, EVP_sha256()) <= 0) {
     throw std::runtime_error("cannot make a test certificate");
   }
   return cert;
 }
 
 // An end entity with CN "User", emailAddress `email` and CA:FALSE.
-inline CertSpec userSpec(const std::string& email, EVP_PKEY* key = nullptr, long days = 365) {
+inline CertRecipe userRecipe(const std::string& email, EVP_PKEY* key = nullptr, long days = 365) {
   return {
       {{"CN", "User"}, {"emailAddress", email}}, {{NID_basic_constraints, "CA:FALSE"}}, key, days};
 }

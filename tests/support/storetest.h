@@ -1,5 +1,5 @@
 // The one store fixture: a temporary store with a root and a second location, files made from
-// short specifications, calls made from short scripts, and a transcript of every log statement
+// short descriptions, calls made from short scripts, and a transcript of every log statement
 // and every result.
 #ifndef TAVIK_TESTS_SUPPORT_STORETEST_H_
 #define TAVIK_TESTS_SUPPORT_STORETEST_H_
@@ -91,9 +91,9 @@ class StoreTest : public ::testing::Test {
   }
 
   // A file in the root's cache directory ("a.crt"), or in the second location's ("2:a.crt").
-  std::string path(const std::string& spec) const {
-    const bool second = spec.compare(0, 2, "2:") == 0;
-    const std::string name = spec.substr(2 * second);
+  std::string path(const std::string& where) const {
+    const bool second = where.compare(0, 2, "2:") == 0;
+    const std::string name = where.substr(2 * second);
     return (second ? second_ : root_) + "/user" + (name.empty() ? "" : "/" + name);
   }
 
@@ -103,10 +103,10 @@ class StoreTest : public ::testing::Test {
   // "CN=a/emailAddress=b") or text. By default a ".crt" is a user certificate
   // whose address is the base name with "_at_" read as "@" (else "@x" appended), and any other
   // file is testKey(0) under "pw".
-  void put(const std::vector<std::string>& specs) {
-    for (const std::string& spec : specs) {
-      const std::string name = spec.substr(0, spec.find('='));
-      std::string content = spec.substr(std::min(spec.size(), name.size() + 1));
+  void put(const std::vector<std::string>& entries) {
+    for (const std::string& entry : entries) {
+      const std::string name = entry.substr(0, entry.find('='));
+      std::string content = entry.substr(std::min(entry.size(), name.size() + 1));
       std::string email = fs::path(path(name)).stem().string();
       const std::size_t at = email.find("_at_");
       email = at != std::string::npos ? email.replace(at, 4, "@") : email + "@x";
@@ -122,13 +122,13 @@ class StoreTest : public ::testing::Test {
       static std::map<std::string, std::string> made;  // signing is slow
       if (!made[content].empty()) content = made[content];
       if (content.compare(0, 3, "ca:") == 0 || content.compare(0, 5, "cert:") == 0) {
-        CertSpec spec;
+        CertRecipe recipe;
         std::istringstream parts(content.substr(content.find(':') + 1));
         for (std::string part; std::getline(parts, part, '/');)
-          spec.subject.emplace_back(part.substr(0, part.find('=')),
-                                    part.substr(part.find('=') + 1));
-        if (content[1] == 'a') spec.extensions = {{NID_basic_constraints, "CA:TRUE"}};
-        content = made[content] = toPem(makeCertificate(spec).get());
+          recipe.subject.emplace_back(part.substr(0, part.find('=')),
+                                      part.substr(part.find('=') + 1));
+        if (content[1] == 'a') recipe.extensions = {{NID_basic_constraints, "CA:TRUE"}};
+        content = made[content] = toPem(makeCertificate(recipe).get());
       }
       if (content.empty() || content == "der") {
         content = content == "der" ? toDer(userCertificate(email)) : pem(email);
@@ -195,7 +195,7 @@ class StoreTest : public ::testing::Test {
   // "renamecert BASE NEWBASE", "remove ID", "writekey FILE PASSWORD N|empty", "writecert FILE
   // EMAIL", "selfsigned SUBJECT EMAIL PASSWORD FLAGS", "csr SUBJECT EMAIL PASSWORD FLAGS",
   // "cleanup SUBJECT EMAIL", "install ID EMAIL|junk|garbage|nomail OVERWRITE", "request EMAIL"
-  // (CertReq), "verifycsr KEYFILE", "put SPEC", "cadir", "unlink FILE", "chmod FILE MODE", "umask
+  // (CertReq), "verifycsr KEYFILE", "put ENTRY", "cadir", "unlink FILE", "chmod FILE MODE", "umask
   // MODE", "mode FILE". "-" is the empty string.
   void script(const std::string& text) {
     std::istringstream calls(text);
@@ -279,7 +279,7 @@ class StoreTest : public ::testing::Test {
   // made while allocations are being failed.
   static X509* userCertificate(const std::string& email) {
     static std::map<std::string, X509Ptr> made;
-    if (!made[email]) made[email] = makeCertificate(userSpec(email));
+    if (!made[email]) made[email] = makeCertificate(userRecipe(email));
     return made[email].get();
   }
   static std::map<std::string, std::string>& pems() {
