@@ -8,8 +8,17 @@ set(TAVIK_CERTCACHE_CMAKE_DIR lib/cmake/tavik_certcache)
 install(TARGETS tavik_certcache EXPORT tavik_certcacheTargets
   ARCHIVE DESTINATION lib
   LIBRARY DESTINATION lib)
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/ DESTINATION include/tavik
-  FILES_MATCHING PATTERN "*.h")
+# The public headers, and the ones they include; the rest of src/ is the
+# library's own business.
+foreach(header
+    crypto/certificatefilecache.h crypto/certreq.h
+    base/certificate.h base/certificateidentity.h base/certificatefilter.h
+    base/certificatestore.h base/configurationinit.h base/environment.h
+    base/filename.h base/opensslutil.h base/stringutil.h
+    log/log.h)
+  get_filename_component(directory ${header} DIRECTORY)
+  install(FILES ${PROJECT_SOURCE_DIR}/src/${header} DESTINATION include/tavik/${directory})
+endforeach()
 install(EXPORT tavik_certcacheTargets
   NAMESPACE tavik::
   DESTINATION ${TAVIK_CERTCACHE_CMAKE_DIR})

@@ -10,7 +10,7 @@
 #include <set>
 
 #include "base/certificateidentity.h"
-#include "base/stringutil.h"
+#include "base/filename.h"
 #include "crypto/certificatefilecache.h"
 #include "log/log.h"
 

@@ -5,9 +5,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "base/certificateparser.h"
 #include "base/derreader.h"
-#include "base/stringutil.h"
+#include "base/filename.h"
+#include "base/pem.h"
 #include "support/storetest.h"
 
 namespace tavik {
@@ -35,11 +35,12 @@ const unsigned char* bytes(const std::string& der) {
   return reinterpret_cast<const unsigned char*>(der.data());
 }
 std::vector<std::string> children(const std::string& der) {  // of a constructed value
-  Tlv outer, part;
-  readTlv(bytes(der), bytes(der) + der.size(), outer);
+  DerCursor input(bytes(der), der.size()), outer, part;
+  unsigned char tag;
+  input.nextAny(tag, outer);
   std::vector<std::string> parts;
-  for (auto p = outer.content; readTlv(p, outer.end(), part); p = part.end()) {
-    parts.emplace_back(reinterpret_cast<const char*>(part.start), part.totalLength());
+  for (auto start = outer.data(); outer.nextAny(tag, part); start = outer.data()) {
+    parts.emplace_back(reinterpret_cast<const char*>(start), outer.data() - start);
   }
   return parts;
 }
@@ -49,7 +50,7 @@ std::string base64(const std::string& der) {  // on one line
   return text;
 }
 
-TEST(DerReaderTest, TakesOnlyDefiniteMinimalLengthsWithinTheBuffer) {
+TEST(DerCursorTest, TakesOnlyDefiniteMinimalLengthsAndTheTagAskedFor) {
   const std::string x(300, 'x');
   // clang-format off
   for (const auto& c : std::vector<std::pair<std::string, bool>>{
@@ -61,10 +62,22 @@ TEST(DerReaderTest, TakesOnlyDefiniteMinimalLengthsWithinTheBuffer) {
            {"\x1F\x01\x00"_b, false}}) {
     // clang-format on
     const std::vector<unsigned char> der(c.first.begin(), c.first.end());  // ASan sees overreads
-    Tlv read;
-    const bool taken = readTlv(der.data(), der.data() + der.size(), read);
+    const DerCursor whole(der.data(), der.size());
+    DerCursor cursor = whole, content, element;
+    unsigned char tag = 0;
+    const bool taken = cursor.nextAny(tag, content);
     EXPECT_EQ(taken, c.second) << ::testing::PrintToString(c.first);
-    EXPECT_TRUE(!taken || read.end() == der.data() + der.size());
+    // Taken: all of it, the content at the end; refused: the cursor where it was.
+    EXPECT_EQ(cursor.data(), der.data() + (taken ? der.size() : 0));
+    EXPECT_EQ(cursor.size(), taken ? 0 : der.size());
+    EXPECT_TRUE(!taken || content.data() + content.size() == der.data() + der.size());
+    if (!taken) continue;
+    cursor = whole;  // a tag that is not the value's is refused and reads nothing
+    EXPECT_FALSE(cursor.next(tag ^ 1, content));
+    EXPECT_EQ(cursor.size(), der.size());
+    EXPECT_TRUE(cursor.next(tag, content, element) && cursor.empty());
+    EXPECT_EQ(element.data(), der.data());
+    EXPECT_EQ(element.size(), der.size());
   }
 }
 

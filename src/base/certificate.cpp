@@ -2,19 +2,21 @@
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <utility>
 
-#include "base/certificateparser.h"
+#include "base/certificatelayout.h"
 #include "base/configurationinit.h"
+#include "base/derreader.h"
 #include "base/filecontents.h"
+#include "base/pem.h"
+#include "base/pemfile.h"
 
 namespace tavik {
 
 namespace {
-
-constexpr unsigned char kDerSequenceTag = 0x30;
 
 // Decodes exactly one certificate from `der`; null when the bytes are anything else.
 X509Ptr decodeWhole(const std::string& der) {
@@ -28,7 +30,7 @@ X509Ptr decodeWhole(const std::string& der) {
 // The DER of the certificate in a file's bytes: DER as it stands, or the first
 // PEM certificate block.
 bool certificateDer(const std::string& contents, std::string& der) {
-  if (!contents.empty() && static_cast<unsigned char>(contents[0]) == kDerSequenceTag) {
+  if (!contents.empty() && static_cast<unsigned char>(contents[0]) == der::kSequence) {
     der = contents;
     return true;
   }
@@ -49,6 +51,11 @@ bool decodeIdentity(const CertificateLayout& layout, CertificateIdentity& identi
     if (!extensions) return false;
   }
   return readCertificateIdentity(subject.get(), extensions.get(), identity);
+}
+
+bool isEmptyFile(const std::string& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && info.st_size == 0;
 }
 
 PkeyHandle readPrivateKey(const std::string& keyPath, const std::string& password) {
@@ -138,23 +145,17 @@ std::shared_ptr<Certificate> Certificate::createFromBase64(std::string text) {
 }
 
 bool Certificate::saveToFile(std::string path) {
-  // Opened here rather than by BIO_new_file, which may create or empty the
-  // file and then fail for want of memory: a file this call has emptied is
-  // taken away again when the certificate does not get into it, so that no
-  // empty or cut-off certificate file stays behind.
-  std::FILE* file = std::fopen(path.c_str(), "w");
-  if (file == nullptr) return false;
-  BioPtr bio(BIO_new_fp(file, BIO_CLOSE));
-  if (!bio) std::fclose(file);
-  const bool written = bio &&
-                       PEM_write_bio(bio.get(), PEM_STRING_X509, "",
-                                     reinterpret_cast<const unsigned char*>(der_.data()),
-                                     static_cast<long>(der_.size())) > 0 &&
-                       BIO_flush(bio.get()) == 1;
-  bio.reset();
+  PemFileWriter file(path);
+  const bool opened = file.isOpen();
+  const bool written = opened && file.writeCertificateDer(der_);
+  file.close();
   if (!written) {
     ERR_clear_error();
-    std::remove(path.c_str());
+    // No empty or cut-off certificate file stays behind. A file that could
+    // not be opened is someone else's and stays, unless it is empty: when only
+    // the BIO could not be made (for want of memory), BIO_new_file has already
+    // created or emptied it.
+    if (opened || isEmptyFile(path)) std::remove(path.c_str());
   }
   return written;
 }

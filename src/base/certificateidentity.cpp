@@ -17,7 +17,7 @@ namespace {
 bool utf8Text(const ASN1_STRING* value, std::string& text) {
   unsigned char* converted = nullptr;
   const int length = ASN1_STRING_to_UTF8(&converted, value);
-  OpenSslBytesPtr owner(converted);
+  OpenSSLBytesPtr owner(converted);
   if (length < 0) return false;
   text.assign(reinterpret_cast<const char*>(converted), static_cast<std::size_t>(length));
   return true;
@@ -72,40 +72,30 @@ bool firstRfc822AltName(const STACK_OF(X509_EXTENSION) * extensions, std::string
 }
 
 bool oneLine(const X509_NAME* name, std::string& text) {
-  char* line = X509_NAME_oneline(name, nullptr, 0);
-  if (line == nullptr) return false;
-  text = line;
-  OPENSSL_free(line);
+  OpenSSLCharsPtr line(X509_NAME_oneline(name, nullptr, 0));
+  if (!line) return false;
+  text = line.get();
   return true;
 }
 
-// The DER reading below. Tags and object identifiers as they stand in a certificate.
-constexpr unsigned char kTagBoolean = 0x01;
-constexpr unsigned char kTagOctetString = 0x04;
-constexpr unsigned char kTagObject = 0x06;
-constexpr unsigned char kTagUtf8String = 0x0C;
-constexpr unsigned char kTagPrintableString = 0x13;
-constexpr unsigned char kTagIa5String = 0x16;
-constexpr unsigned char kTagSequence = 0x30;
-constexpr unsigned char kTagSet = 0x31;
-
+// Object identifiers as they stand in a certificate.
 constexpr unsigned char kOidEmailAddress[] = {0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x09, 0x01};
 constexpr unsigned char kOidCommonName[] = {0x55, 0x04, 0x03};
 constexpr unsigned char kOidBasicConstraints[] = {0x55, 0x1D, 0x13};
 constexpr unsigned char kOidSubjectAltName[] = {0x55, 0x1D, 0x11};
 
 template <std::size_t N>
-bool isObject(const Tlv& object, const unsigned char (&oid)[N]) {
-  return object.contentLength == N && std::memcmp(object.content, oid, N) == 0;
+bool isObject(const DerCursor& object, const unsigned char (&oid)[N]) {
+  return object.size() == N && std::memcmp(object.data(), oid, N) == 0;
 }
 
 // What OpenSSL's decoder accepts as an object identifier: not empty, the last
 // byte ends a sub-identifier, no sub-identifier starts with a padding byte.
-bool wellFormedObject(const Tlv& object) {
-  if (object.tag != kTagObject || object.contentLength == 0) return false;
-  const unsigned char* p = object.content;
-  if ((p[object.contentLength - 1] & 0x80) != 0) return false;
-  for (std::size_t i = 0; i < object.contentLength; ++i) {
+bool wellFormedObject(const DerCursor& object) {
+  if (object.empty()) return false;
+  const unsigned char* p = object.data();
+  if ((p[object.size() - 1] & 0x80) != 0) return false;
+  for (std::size_t i = 0; i < object.size(); ++i) {
     if (p[i] == 0x80 && (i == 0 || (p[i - 1] & 0x80) == 0)) return false;
   }
   return true;
@@ -113,15 +103,25 @@ bool wellFormedObject(const Tlv& object) {
 
 // A name value that OpenSSL keeps as it stands and turns into the same UTF-8:
 // a UTF8String, PrintableString or IA5String of ASCII characters.
-bool plainAsciiValue(const Tlv& value) {
-  if (value.tag != kTagUtf8String && value.tag != kTagPrintableString &&
-      value.tag != kTagIa5String) {
+bool plainAsciiValue(unsigned char tag, const DerCursor& value) {
+  if (tag != der::kUtf8String && tag != der::kPrintableString && tag != der::kIa5String) {
     return false;
   }
-  for (std::size_t i = 0; i < value.contentLength; ++i) {
-    if ((value.content[i] & 0x80) != 0) return false;
+  for (std::size_t i = 0; i < value.size(); ++i) {
+    if ((value.data()[i] & 0x80) != 0) return false;
   }
   return true;
+}
+
+std::string text(const DerCursor& value) {
+  return std::string(reinterpret_cast<const char*>(value.data()), value.size());
+}
+
+// The content of the one value that `der` holds, when it has `tag`.
+bool onlyValue(const unsigned char* der, std::size_t length, unsigned char tag,
+               DerCursor& content) {
+  DerCursor input(der, length);
+  return input.next(tag, content) && input.empty();
 }
 
 struct PlainName {
@@ -134,35 +134,29 @@ struct PlainName {
 // Name ::= SEQUENCE OF SET OF SEQUENCE { type OBJECT IDENTIFIER, value }, every
 // set non-empty and every value plain.
 bool readPlainName(const unsigned char* der, std::size_t length, PlainName& name) {
-  const unsigned char* end = der + length;
-  Tlv sequence;
-  if (!readTlv(der, end, sequence) || sequence.tag != kTagSequence || sequence.end() != end) {
-    return false;
-  }
-  for (const unsigned char* p = sequence.content; p < end;) {
-    Tlv set;
-    if (!readTlv(p, end, set) || set.tag != kTagSet || set.contentLength == 0) return false;
-    for (const unsigned char* q = set.content; q < set.end();) {
-      Tlv entry;
-      Tlv type;
-      Tlv value;
-      if (!readTlv(q, set.end(), entry) || entry.tag != kTagSequence ||
-          !readTlv(entry.content, entry.end(), type) || !wellFormedObject(type) ||
-          !readTlv(type.end(), entry.end(), value) || value.end() != entry.end() ||
-          !plainAsciiValue(value)) {
+  DerCursor sets;
+  if (!onlyValue(der, length, der::kSequence, sets)) return false;
+  while (!sets.empty()) {
+    DerCursor entries;
+    if (!sets.next(der::kSet, entries) || entries.empty()) return false;
+    while (!entries.empty()) {
+      DerCursor entry;
+      DerCursor type;
+      DerCursor value;
+      unsigned char valueTag = 0;
+      if (!entries.next(der::kSequence, entry) || !entry.next(der::kObject, type) ||
+          !wellFormedObject(type) || !entry.nextAny(valueTag, value) || !entry.empty() ||
+          !plainAsciiValue(valueTag, value)) {
         return false;
       }
-      const char* text = reinterpret_cast<const char*>(value.content);
       if (!name.hasEmail && isObject(type, kOidEmailAddress)) {
         name.hasEmail = true;
-        name.email.assign(text, value.contentLength);
+        name.email = text(value);
       } else if (!name.hasCommonName && isObject(type, kOidCommonName)) {
         name.hasCommonName = true;
-        name.commonName.assign(text, value.contentLength);
+        name.commonName = text(value);
       }
-      q = entry.end();
     }
-    p = set.end();
   }
   return true;
 }
@@ -171,7 +165,7 @@ bool readPlainName(const unsigned char* der, std::size_t length, PlainName& name
 // a second occurrence means none.
 struct ExtensionValue {
   int occurrences = 0;
-  Tlv value;  // the OCTET STRING
+  DerCursor value;  // the OCTET STRING's content
   bool once() const { return occurrences == 1; }
 };
 
@@ -179,32 +173,26 @@ struct ExtensionValue {
 // BOOLEAN OPTIONAL, extnValue OCTET STRING }.
 bool readPlainExtensions(const unsigned char* der, std::size_t length,
                          ExtensionValue& basicConstraints, ExtensionValue& subjectAltName) {
-  const unsigned char* end = der + length;
-  Tlv sequence;
-  if (!readTlv(der, end, sequence) || sequence.tag != kTagSequence || sequence.end() != end) {
-    return false;
-  }
-  for (const unsigned char* p = sequence.content; p < end;) {
-    Tlv extension;
-    Tlv id;
-    Tlv field;
-    if (!readTlv(p, end, extension) || extension.tag != kTagSequence ||
-        !readTlv(extension.content, extension.end(), id) || !wellFormedObject(id) ||
-        !readTlv(id.end(), extension.end(), field)) {
+  DerCursor extensions;
+  if (!onlyValue(der, length, der::kSequence, extensions)) return false;
+  while (!extensions.empty()) {
+    DerCursor extension;
+    DerCursor id;
+    DerCursor critical;
+    DerCursor value;
+    if (!extensions.next(der::kSequence, extension) || !extension.next(der::kObject, id) ||
+        !wellFormedObject(id)) {
       return false;
     }
-    if (field.tag == kTagBoolean) {
-      if (field.contentLength != 1 || !readTlv(field.end(), extension.end(), field)) return false;
-    }
-    if (field.tag != kTagOctetString || field.end() != extension.end()) return false;
+    if (extension.next(der::kBoolean, critical) && critical.size() != 1) return false;
+    if (!extension.next(der::kOctetString, value) || !extension.empty()) return false;
     ExtensionValue* wanted = isObject(id, kOidBasicConstraints) ? &basicConstraints
                              : isObject(id, kOidSubjectAltName) ? &subjectAltName
                                                                 : nullptr;
     if (wanted != nullptr) {
       ++wanted->occurrences;
-      wanted->value = field;
+      wanted->value = value;
     }
-    p = extension.end();
   }
   return true;
 }
@@ -215,9 +203,9 @@ bool readPlainExtensions(const unsigned char* der, std::size_t length,
 bool caFromValue(const ExtensionValue& extension, bool& authority) {
   authority = false;
   if (!extension.once()) return true;
-  const unsigned char* p = extension.value.content;
+  const unsigned char* p = extension.value.data();
   BasicConstraintsPtr constraints(
-      d2i_BASIC_CONSTRAINTS(nullptr, &p, static_cast<long>(extension.value.contentLength)));
+      d2i_BASIC_CONSTRAINTS(nullptr, &p, static_cast<long>(extension.value.size())));
   if (!constraints) return false;
   authority = isCa(constraints.get());
   return true;
@@ -228,9 +216,8 @@ bool caFromValue(const ExtensionValue& extension, bool& authority) {
 bool rfc822FromValue(const ExtensionValue& extension, std::string& text) {
   text.clear();
   if (!extension.once()) return true;
-  const unsigned char* p = extension.value.content;
-  GeneralNamesPtr names(
-      d2i_GENERAL_NAMES(nullptr, &p, static_cast<long>(extension.value.contentLength)));
+  const unsigned char* p = extension.value.data();
+  GeneralNamesPtr names(d2i_GENERAL_NAMES(nullptr, &p, static_cast<long>(extension.value.size())));
   if (!names) return false;
   return firstRfc822Name(names.get(), text);
 }

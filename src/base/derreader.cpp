@@ -2,11 +2,12 @@
 
 namespace tavik {
 
-bool readTlv(const unsigned char* p, const unsigned char* end, Tlv& tlv) {
-  if (end - p < 2) return false;
-  tlv.start = p;
-  tlv.tag = *p++;
-  if ((tlv.tag & 0x1F) == 0x1F) return false;  // multi-byte tags do not occur here
+bool DerCursor::nextAny(unsigned char& tag, DerCursor& content) {
+  if (size_ < 2) return false;
+  const unsigned char* p = data_;
+  const unsigned char* end = data_ + size_;
+  const unsigned char readTag = *p++;
+  if ((readTag & 0x1F) == 0x1F) return false;  // multi-byte tags do not occur here
   const unsigned char first = *p++;
   std::size_t length = 0;
   if (first < 0x80) {
@@ -19,8 +20,24 @@ bool readTlv(const unsigned char* p, const unsigned char* end, Tlv& tlv) {
     if (length < 0x80) return false;  // should have used the short form
   }
   if (static_cast<std::size_t>(end - p) < length) return false;
-  tlv.content = p;
-  tlv.contentLength = length;
+  tag = readTag;
+  content = DerCursor(p, length);
+  size_ = static_cast<std::size_t>(end - (p + length));
+  data_ = p + length;
+  return true;
+}
+
+bool DerCursor::next(unsigned char tag, DerCursor& content) {
+  DerCursor element;
+  return next(tag, content, element);
+}
+
+bool DerCursor::next(unsigned char tag, DerCursor& content, DerCursor& element) {
+  DerCursor rest = *this;
+  unsigned char readTag = 0;
+  if (!rest.nextAny(readTag, content) || readTag != tag) return false;
+  element = DerCursor(data_, static_cast<std::size_t>(rest.data_ - data_));
+  *this = rest;
   return true;
 }
 

@@ -6,33 +6,19 @@
 
 #include <cerrno>
 
+#include "base/filedescriptor.h"
+
 namespace tavik {
 
-namespace {
-
-class FileDescriptor {
- public:
-  explicit FileDescriptor(int fd) : fd_(fd) {}
-  ~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-  }
-  FileDescriptor(const FileDescriptor&) = delete;
-  FileDescriptor& operator=(const FileDescriptor&) = delete;
-  int get() const { return fd_; }
-
- private:
-  int fd_;
-};
-
-}  // namespace
-
-bool readSmallRegularFile(const std::string& path, std::size_t limit, std::string& contents) {
+bool readSmallRegularFile(const std::string& path, std::size_t limit, std::string& contents,
+                          unsigned* mode) {
   // O_NONBLOCK makes opening a FIFO return at once; fstat then refuses it.
   FileDescriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
   if (file.get() < 0) return false;
   struct stat info {};
   if (::fstat(file.get(), &info) != 0 || !S_ISREG(info.st_mode)) return false;
   if (info.st_size < 0 || static_cast<unsigned long long>(info.st_size) > limit) return false;
+  if (mode != nullptr) *mode = info.st_mode & 07777;
 
   // The size may change while we read; one byte more than the limit tells us so.
   const std::size_t size = static_cast<std::size_t>(info.st_size);
@@ -60,8 +46,8 @@ bool readSmallRegularFile(const std::string& path, std::size_t limit, std::strin
   return true;
 }
 
-bool writeWholeFile(const std::string& path, const std::string& contents) {
-  FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+bool writeWholeFile(const std::string& path, const std::string& contents, unsigned mode) {
+  FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
   if (file.get() < 0) return false;
   std::size_t written = 0;
   while (written < contents.size()) {
@@ -72,6 +58,9 @@ bool writeWholeFile(const std::string& path, const std::string& contents) {
     }
     written += static_cast<std::size_t>(put);
   }
+  // Only a file someone else owns refuses this, and such a file was not
+  // created here: it still has the mode it had.
+  ::fchmod(file.get(), static_cast<mode_t>(mode));
   return true;
 }
 

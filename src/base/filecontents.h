@@ -14,12 +14,15 @@ constexpr std::size_t kMaxCredentialFileSize = 1024 * 1024;
 // Reads the whole regular file at `path` into `contents` and returns true.
 // Returns false, with `contents` unspecified, when the path cannot be opened,
 // is not a regular file (a FIFO or device is never read, so it cannot block),
-// or holds more than `limit` bytes; a larger file is not read whole.
-bool readSmallRegularFile(const std::string& path, std::size_t limit, std::string& contents);
+// or holds more than `limit` bytes; a larger file is not read whole. `mode`,
+// when given, receives the file's permission bits.
+bool readSmallRegularFile(const std::string& path, std::size_t limit, std::string& contents,
+                          unsigned* mode = nullptr);
 
-// Creates or truncates the file at `path` and writes `contents`; true when all
-// of it was written.
-bool writeWholeFile(const std::string& path, const std::string& contents);
+// Creates or truncates the file at `path`, writes `contents` and gives the file
+// the permission bits `mode`, whatever the umask; true when all of `contents`
+// was written.
+bool writeWholeFile(const std::string& path, const std::string& contents, unsigned mode);
 
 }  // namespace tavik
 

@@ -27,28 +27,31 @@ inline void freeGeneralNames(GENERAL_NAMES* names) { GENERAL_NAMES_free(names); 
 inline void freeExtensions(STACK_OF(X509_EXTENSION) * extensions) {
   sk_X509_EXTENSION_pop_free(extensions, X509_EXTENSION_free);
 }
-inline void freeOpenSslBytes(unsigned char* bytes) { OPENSSL_free(bytes); }
+// OPENSSL_free is a macro; memory OpenSSL hands out must go back through it.
+template <typename T>
+void freeOpenSSLMemory(T* memory) {
+  OPENSSL_free(memory);
+}
 
 }  // namespace openssl_detail
 
-using X509Ptr = std::unique_ptr<X509, openssl_detail::Deleter<X509, X509_free>>;
-using X509ReqPtr = std::unique_ptr<X509_REQ, openssl_detail::Deleter<X509_REQ, X509_REQ_free>>;
-using X509NamePtr = std::unique_ptr<X509_NAME, openssl_detail::Deleter<X509_NAME, X509_NAME_free>>;
-using BioPtr = std::unique_ptr<BIO, openssl_detail::Deleter<BIO, openssl_detail::freeBio>>;
-using EvpPkeyCtxPtr =
-    std::unique_ptr<EVP_PKEY_CTX, openssl_detail::Deleter<EVP_PKEY_CTX, EVP_PKEY_CTX_free>>;
-using BasicConstraintsPtr =
-    std::unique_ptr<BASIC_CONSTRAINTS,
-                    openssl_detail::Deleter<BASIC_CONSTRAINTS, BASIC_CONSTRAINTS_free>>;
-using GeneralNamesPtr =
-    std::unique_ptr<GENERAL_NAMES,
-                    openssl_detail::Deleter<GENERAL_NAMES, openssl_detail::freeGeneralNames>>;
-using X509ExtensionsPtr = std::unique_ptr<
-    STACK_OF(X509_EXTENSION),
-    openssl_detail::Deleter<STACK_OF(X509_EXTENSION), openssl_detail::freeExtensions>>;
-using OpenSslBytesPtr =
-    std::unique_ptr<unsigned char,
-                    openssl_detail::Deleter<unsigned char, openssl_detail::freeOpenSslBytes>>;
+// The owner of one OpenSSL object of type T, freed with `Free`. Every owning
+// handle below is one of these; code outside the library names its own, as in
+// OpenSSLPtr<BIGNUM, BN_free>.
+template <typename T, void (*Free)(T*)>
+using OpenSSLPtr = std::unique_ptr<T, openssl_detail::Deleter<T, Free>>;
+
+using X509Ptr = OpenSSLPtr<X509, X509_free>;
+using X509ReqPtr = OpenSSLPtr<X509_REQ, X509_REQ_free>;
+using X509NamePtr = OpenSSLPtr<X509_NAME, X509_NAME_free>;
+using BioPtr = OpenSSLPtr<BIO, openssl_detail::freeBio>;
+using EvpPkeyCtxPtr = OpenSSLPtr<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
+using BasicConstraintsPtr = OpenSSLPtr<BASIC_CONSTRAINTS, BASIC_CONSTRAINTS_free>;
+using GeneralNamesPtr = OpenSSLPtr<GENERAL_NAMES, openssl_detail::freeGeneralNames>;
+using X509ExtensionsPtr = OpenSSLPtr<STACK_OF(X509_EXTENSION), openssl_detail::freeExtensions>;
+// Bytes and text that OpenSSL allocated for the caller.
+using OpenSSLBytesPtr = OpenSSLPtr<unsigned char, openssl_detail::freeOpenSSLMemory<unsigned char>>;
+using OpenSSLCharsPtr = OpenSSLPtr<char, openssl_detail::freeOpenSSLMemory<char>>;
 
 // The owner of one EVP_PKEY. Move-only; frees the key when it goes.
 class PkeyHandle {
@@ -60,7 +63,7 @@ class PkeyHandle {
   explicit operator bool() const;
 
  private:
-  std::unique_ptr<EVP_PKEY, openssl_detail::Deleter<EVP_PKEY, EVP_PKEY_free>> key_;
+  OpenSSLPtr<EVP_PKEY, EVP_PKEY_free> key_;
 };
 
 struct OpenSSLUtil {

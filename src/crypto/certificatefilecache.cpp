@@ -6,17 +6,16 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
-#include <boost/algorithm/string/replace.hpp>
 #include <boost/filesystem/operations.hpp>
 #include <boost/system/error_code.hpp>
 #include <cstdint>
-#include <cstdio>
 #include <utility>
 
 #include "base/configurationinit.h"
 #include "base/environment.h"
 #include "base/filecontents.h"
-#include "base/stringutil.h"
+#include "base/filename.h"
+#include "base/pemfile.h"
 #include "log/log.h"
 
 namespace tavik {
@@ -31,17 +30,6 @@ LogHandle logHandle(nullptr, 0, 2);
 ConfigurationInit configurationInit;
 LogRegister logRegister(logHandle, TAVIK_LOG_SOURCE_FILE, __LINE__, 8);
 
-constexpr char kCertExtension[] = ".crt";
-constexpr char kKeyExtension[] = ".key";
-constexpr char kTempKeyExtension[] = ".tpk";
-
-// Every key the cache makes is RSA of this size.
-constexpr int kRsaKeyBits = 1024;
-
-// The fixed validity of self-signed certificates, whatever the day they are made.
-constexpr char kSelfSignedNotBefore[] = "20100101000000Z";
-constexpr char kSelfSignedNotAfter[] = "20370101000000Z";
-
 constexpr char kEmptyPasswordMessage[] =
     "Empty password specified - not accepted by PEM_write_bio_PrivateKey when a cipher is present";
 
@@ -50,33 +38,21 @@ bool entryExists(const fs::path& path, boost::system::error_code& error) {
   return fs::exists(fs::status(path, error));
 }
 
-// OpenSSL's text for an error code taken off the queue.
-std::string openSslErrorText(unsigned long code) {
-  char text[256];
-  ERR_error_string_n(code, text, sizeof text);
+// The locations as a message names them: "A, B".
+std::string joined(const std::vector<std::string>& locations) {
+  std::string text;
+  for (std::size_t i = 0; i < locations.size(); ++i) {
+    if (i != 0) text += ", ";
+    text += locations[i];
+  }
   return text;
 }
 
-// A file BIO over `file` opened with "w". BIO_new_file would leave the file
-// created or emptied when only the BIO cannot be made (for want of memory); an
-// empty key file would later pass for a key, so such a file goes again.
-BioPtr openForWriting(const fs::path& file) {
-  std::FILE* stream = std::fopen(file.string().c_str(), "w");
-  if (stream == nullptr) return BioPtr();
-  BioPtr bio(BIO_new_fp(stream, BIO_CLOSE));
-  if (!bio) {
-    std::fclose(stream);
-    boost::system::error_code ignored;
-    fs::remove(file, ignored);
-  }
-  return bio;
-}
-
-// The file base name of a credential: the encoded subject when there is one,
-// otherwise the encoded e-mail address with every "@" written as "_at_".
-std::string subjectToFilename(const std::string& subject, const std::string& email) {
-  if (!subject.empty()) return encodeFilename(subject);
-  return encodeFilename(boost::algorithm::replace_all_copy(email, "@", "_at_"));
+// OpenSSL's text for an error code taken off the queue.
+std::string openSSLErrorText(unsigned long code) {
+  char text[256];
+  ERR_error_string_n(code, text, sizeof text);
+  return text;
 }
 
 }  // namespace
@@ -87,17 +63,9 @@ CertFileCache::CertFileCache(CertificateStore& store, boost::shared_ptr<Certific
   load();
 }
 
-fs::path CertFileCache::cacheDirectory(const std::string& location) const {
-  fs::path directory(location);
-  directory /= filter_->subdirectory();
-  return directory;
-}
-
 fs::path CertFileCache::filePath(const std::string& location, const std::string& baseName,
                                  const char* extension) const {
-  fs::path file = cacheDirectory(location);
-  file /= baseName + extension;
-  return file;
+  return credentialFile(cacheDirectory(location, filter_->subdirectory()), baseName, extension);
 }
 
 void CertFileCache::load() {
@@ -107,7 +75,7 @@ void CertFileCache::load() {
   std::uint64_t total = 0;
 
   for (const std::string& location : locations) {
-    const fs::path directory = cacheDirectory(location);
+    const fs::path directory = cacheDirectory(location, filter_->subdirectory());
     boost::system::error_code error;
     if (!entryExists(directory, error)) {
       TAVIK_LOG_TRACE(logHandle) << "Cert store directory " << directory
@@ -129,16 +97,14 @@ void CertFileCache::load() {
   }
 
   if (total == 0) {
-    std::string joined;
-    for (std::size_t i = 0; i < locations.size(); ++i) {
-      if (i != 0) joined += ", ";
-      joined += locations[i];
-    }
+    // The list is joined only once the statement is known to be written.
     if (withPrivateKeys_) {
       TAVIK_LOG_WARNING(logHandle)
-          << "Did not find any certificates with matching key in one of the dirs " << joined;
+          << "Did not find any certificates with matching key in one of the dirs "
+          << joined(locations);
     } else {
-      TAVIK_LOG_INFO(logHandle) << "Did not find any certificates in one of the dirs " << joined;
+      TAVIK_LOG_INFO(logHandle) << "Did not find any certificates in one of the dirs "
+                                << joined(locations);
     }
   }
 }
@@ -175,8 +141,7 @@ unsigned long CertFileCache::loadFromDir(const std::string& dir, unsigned long& 
       addFileToCache(baseName, baseName, dir.c_str());
       continue;
     }
-    fs::path keyFile = file;
-    keyFile.replace_extension(kKeyExtension);
+    const fs::path keyFile = credentialFile(dir, baseName, kKeyExtension);
     if (!entryExists(keyFile, error)) {
       TAVIK_LOG_DEBUG(logHandle) << "Certificate without private key. File missing: " << keyFile;
       continue;
@@ -225,8 +190,7 @@ std::shared_ptr<Certificate> CertFileCache::getCertificate(const std::string& id
       errorCode = kCertUnreadable;
       continue;
     }
-    fs::path keyFile = certFile;
-    keyFile.replace_extension(kKeyExtension);
+    const fs::path keyFile = filePath(location, found->second, kKeyExtension);
     if (!entryExists(keyFile, error)) {
       TAVIK_LOG_WARNING(logHandle) << "Error reading certificate. Key missing: " << keyFile;
       errorCode = kKeyMissing;
@@ -337,42 +301,30 @@ int CertFileCache::removeCert(const std::string& id) {
 }
 
 int CertFileCache::writeCert(const fs::path& file, X509* cert) {
-  BioPtr bio = openForWriting(file);
-  if (!bio) {
-    ERR_clear_error();
+  // OpenSSL's errors of a failed open or write stay on the caller's queue.
+  PemFileWriter writer(file.string());
+  if (!writer.isOpen()) {
     TAVIK_LOG_ERROR(logHandle) << "Can't create file BIO: " << file;
     return kFailed;
   }
-  // The flush belongs to the write: a full disk shows only there.
-  const bool written = PEM_write_bio_X509(bio.get(), cert) == 1 && BIO_flush(bio.get()) == 1;
-  bio.reset();
-  if (!written) {
-    ERR_clear_error();
-    return kFailed;
-  }
-  return kDone;
+  const bool written = writer.writeCertificate(cert);
+  writer.close();
+  return written ? kDone : kFailed;
 }
 
 int CertFileCache::writePrivateKey(const fs::path& file, const std::string& password,
                                    EVP_PKEY* key) {
-  BioPtr bio = openForWriting(file);
-  if (!bio) {
-    ERR_clear_error();
+  PemFileWriter writer(file.string());
+  if (!writer.isOpen()) {
     TAVIK_LOG_ERROR(logHandle) << "Can't create file BIO: " << file;
     return kFailed;
   }
-  // The password reaches OpenSSL as the default pass-phrase callback's user
-  // data, so the pass phrase is its characters up to the first NUL.
-  const bool written =
-      PEM_write_bio_PrivateKey(bio.get(), key, EVP_des_ede3_cbc(), nullptr, 0, nullptr,
-                               const_cast<char*>(password.c_str())) == 1 &&
-      BIO_flush(bio.get()) == 1;
-  if (!written) {
-    // Taken off the queue whether or not the message is written.
+  if (!writer.writeEncryptedKey(key, password)) {
+    // The earliest error leaves the queue whether or not the message is
+    // written; later ones stay for the caller.
     const unsigned long code = ERR_get_error();
-    ERR_clear_error();
     TAVIK_LOG_ERROR(logHandle) << "ERROR writing '" << file
-                               << "' - PEM_write_bio_PrivateKey: " << openSslErrorText(code);
+                               << "' - PEM_write_bio_PrivateKey: " << openSSLErrorText(code);
     boost::system::error_code ignored;
     fs::remove(file, ignored);
     return kFailed;
@@ -385,45 +337,6 @@ int CertFileCache::writePrivateKey(const fs::path& file, const std::string& pass
   TAVIK_LOG_TRACE(logHandle) << "Key was written: " << file;
   return kDone;
 }
-
-namespace {
-
-// Builds the self-signed certificate of a new pair: version 1 (no version
-// field), serial 1, subject and issuer CN = email, the fixed validity, signed
-// with `key` over SHA-256. kDone, or kFailed with the failing step's message.
-int buildSelfSignedCertificate(const std::string& email, EVP_PKEY* key, X509Ptr& cert) {
-  cert.reset(X509_new());
-  if (!cert) return CertFileCache::kFailed;
-  X509_NAME* name = X509_get_subject_name(cert.get());
-  if (X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_UTF8,
-                                 reinterpret_cast<const unsigned char*>(email.c_str()), -1, -1,
-                                 0) != 1) {
-    return CertFileCache::kFailed;
-  }
-  if (X509_set_subject_name(cert.get(), name) != 1 || X509_set_issuer_name(cert.get(), name) != 1) {
-    return CertFileCache::kFailed;
-  }
-  if (X509_set_pubkey(cert.get(), key) != 1) {
-    TAVIK_LOG_ERROR(logHandle) << "Can't set pubkey";
-    return CertFileCache::kFailed;
-  }
-  if (ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 1) != 1) {
-    TAVIK_LOG_ERROR(logHandle) << "Can't set serial number";
-    return CertFileCache::kFailed;
-  }
-  if (ASN1_TIME_set_string(X509_getm_notBefore(cert.get()), kSelfSignedNotBefore) != 1) {
-    TAVIK_LOG_ERROR(logHandle) << "Cant set not before property in certificate";
-    return CertFileCache::kFailed;
-  }
-  if (ASN1_TIME_set_string(X509_getm_notAfter(cert.get()), kSelfSignedNotAfter) != 1) {
-    TAVIK_LOG_ERROR(logHandle) << "Can't set not after property in certificate";
-    return CertFileCache::kFailed;
-  }
-  if (X509_sign(cert.get(), key, EVP_sha256()) == 0) return CertFileCache::kFailed;
-  return CertFileCache::kDone;
-}
-
-}  // namespace
 
 int CertFileCache::createSelfSignedKeyPair(const std::string& subject, const std::string& email,
                                            const std::string& password, int flags) {
@@ -449,10 +362,7 @@ int CertFileCache::createSelfSignedKeyPair(const std::string& subject, const std
     return kFailed;
   }
   X509Ptr cert;
-  if (buildSelfSignedCertificate(email, key.get(), cert) != kDone) {
-    ERR_clear_error();
-    return kFailed;
-  }
+  if (!buildSelfSignedCertificate(email, key.get(), cert)) return kFailed;
   const int keyWritten = writePrivateKey(keyPath, password, key.get());
   if (keyWritten != kDone) {
     fs::remove(keyPath, ignored);
@@ -486,8 +396,9 @@ int CertFileCache::createCsr(const std::string& subject, const std::string& emai
     TAVIK_LOG_ERROR(logHandle) << "Can't generate Certificate Request or private key: " << keyPath;
     return kFailed;
   }
-  fs::path target = keyPath;
-  if ((flags & skipTemporaryKey) == 0) target.replace_extension(kTempKeyExtension);
+  const fs::path target = (flags & skipTemporaryKey) != 0
+                              ? keyPath
+                              : filePath(store_.getRoot(), baseName, kTempKeyExtension);
   return writePrivateKey(target, password, request.pkey.get());
 }
 
@@ -522,20 +433,25 @@ int CertFileCache::saveCert(const std::string& id, const std::string& certBase64
   const fs::path certPath = filePath(store_.getRoot(), baseName, kCertExtension);
   boost::system::error_code error;
   if (!overwrite && entryExists(certPath, error)) return kExists;
-  // A certificate that this one replaces comes back if the new one cannot be
-  // written, or its key cannot be put in place: the earlier key is still there.
+  // A certificate that this one replaces comes back, with its mode, if the new
+  // one cannot be written or its key cannot be put in place: the earlier key
+  // is still there.
   std::string replaced;
+  unsigned replacedMode = 0;
   const bool replacing =
-      overwrite && readSmallRegularFile(certPath.string(), kMaxCredentialFileSize, replaced);
+      overwrite &&
+      readSmallRegularFile(certPath.string(), kMaxCredentialFileSize, replaced, &replacedMode);
   if (!certificate->saveToFile(certPath.string())) {
-    if (replacing) writeWholeFile(certPath.string(), replaced);
+    if (replacing) writeWholeFile(certPath.string(), replaced, replacedMode);
     TAVIK_LOG_ERROR(logHandle) << "Can't save certificate: " << certPath;
     return kFailed;
   }
   if (withPrivateKeys_) {
     if (!renameFile(baseName, kTempKeyExtension, baseName, kKeyExtension, false)) {
       // A certificate whose key never arrived must not look installed.
-      if (!replacing || !writeWholeFile(certPath.string(), replaced)) fs::remove(certPath, error);
+      if (!replacing || !writeWholeFile(certPath.string(), replaced, replacedMode)) {
+        fs::remove(certPath, error);
+      }
       return kKeyNotPromoted;
     }
     TAVIK_LOG_TRACE(logHandle) << "Temporary private key file for " << certPath
@@ -543,66 +459,6 @@ int CertFileCache::saveCert(const std::string& id, const std::string& certBase64
   }
   TAVIK_LOG_TRACE(logHandle) << "Cert was written: " << certPath;
   return kDone;
-}
-
-CertReq::CertReq(const std::string& email, std::string& csr, int /*keyBits*/) : generated(false) {
-  pkey = OpenSSLUtil::generateRsaPkey(kRsaKeyBits);
-  if (!pkey) {
-    TAVIK_LOG_ERROR(logHandle) << "Can't create pkey";
-    return;
-  }
-  X509ReqPtr request(X509_REQ_new());
-  if (!request) {
-    ERR_clear_error();
-    TAVIK_LOG_ERROR(logHandle) << "Can't create request";
-    return;
-  }
-  if (!makeReq(request.get(), pkey.get(), email, MBSTRING_UTF8)) {
-    ERR_clear_error();
-    TAVIK_LOG_ERROR(logHandle) << "Can't make request";
-    return;
-  }
-  if (X509_REQ_sign(request.get(), pkey.get(), EVP_sha1()) <= 0) {
-    ERR_clear_error();
-    TAVIK_LOG_ERROR(logHandle) << "Can't sign locally";
-    return;
-  }
-  BioPtr buffer(BIO_new(BIO_s_mem()));
-  if (!buffer) {
-    ERR_clear_error();
-    return;
-  }
-  BIO_set_close(buffer.get(), BIO_CLOSE);
-  if (PEM_write_bio_X509_REQ(buffer.get(), request.get()) != 1) {
-    ERR_clear_error();
-    return;
-  }
-  char* text = nullptr;
-  const long length = BIO_get_mem_data(buffer.get(), &text);
-  csr.assign(text, static_cast<std::size_t>(length));
-  TAVIK_LOG_DEBUG(logHandle) << "Created certificate request: \n" << csr;
-  generated = true;
-}
-
-bool CertReq::makeReq(X509_REQ* req, EVP_PKEY* key, const std::string& email, unsigned long type) {
-  if (X509_REQ_set_version(req, 0) != 1) {
-    TAVIK_LOG_ERROR(logHandle) << "Can't set version";
-    return false;
-  }
-  X509NamePtr name(X509_NAME_new());
-  if (!name) return false;
-  if (X509_NAME_add_entry_by_txt(name.get(), "emailAddress", static_cast<int>(type),
-                                 reinterpret_cast<const unsigned char*>(email.c_str()), -1, -1,
-                                 0) != 1) {
-    return false;
-  }
-  if (X509_REQ_set_subject_name(req, name.get()) != 1) return false;
-  if (X509_REQ_set_pubkey(req, key) != 1) {
-    TAVIK_LOG_ERROR(logHandle) << "Can't set pubkey";
-    return false;
-  }
-  TAVIK_LOG_DEBUG(logHandle) << "Success making requests";
-  return true;
 }
 
 }  // namespace tavik

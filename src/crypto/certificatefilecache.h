@@ -33,6 +33,7 @@
 #include "base/certificatefilter.h"
 #include "base/certificatestore.h"
 #include "base/opensslutil.h"
+#include "crypto/certreq.h"
 
 namespace tavik {
 
@@ -136,7 +137,6 @@ class CertFileCache {
   void addFileToCache(const std::string& id, const std::string& file, const char* from);
 
   // The cache directory of `location`: location / subdirectory.
-  boost::filesystem::path cacheDirectory(const std::string& location) const;
   // The path of a file by the store's path rule: location / subdirectory /
   // (baseName + extension). The only place that joins paths.
   boost::filesystem::path filePath(const std::string& location, const std::string& baseName,
@@ -146,25 +146,6 @@ class CertFileCache {
   boost::shared_ptr<CertificateFilter> filter_;
   const bool withPrivateKeys_;
   std::map<std::string, std::string> index_;  // identifier -> file base name
-};
-
-// Builds a PKCS#10 certificate request for an e-mail address together with its
-// new RSA key. Construction does all the work; afterwards `generated` says
-// whether it succeeded and `pkey` holds the key (also after most failures).
-class CertReq {
- public:
-  // On success `csr` is replaced by the request's PEM text; on failure it keeps
-  // what it held. The key is always RSA 1024, whatever `keyBits` says.
-  CertReq(const std::string& email, std::string& csr, int keyBits);
-  CertReq(const CertReq&) = delete;
-  CertReq& operator=(const CertReq&) = delete;
-
-  // Sets `req`'s version (0), its subject (one emailAddress entry of string type
-  // `type`) and its public key from `key`. Both pointers are borrowed.
-  static bool makeReq(X509_REQ* req, EVP_PKEY* key, const std::string& email, unsigned long type);
-
-  bool generated;   // read by the caller
-  PkeyHandle pkey;  // read by the caller; the key stays owned here
 };
 
 }  // namespace tavik

@@ -2,6 +2,7 @@
 # Installs the build tree into a temporary prefix, checks the README's embedding
 # example is examples/embed_example.cpp, builds it against the installed
 # package alone with find_package() and runs it, and runs the installed tool.
+# Only the public headers (and those they include) are installed.
 # Usage: install_and_use.sh BUILD_DIR SOURCE_DIR [EXTRA_FLAGS]
 set -euo pipefail
 scratch=$(mktemp -d) && trap 'rm -rf "$scratch"' EXIT
@@ -12,6 +13,9 @@ cmake --install "$1" --prefix "$prefix" >/dev/null
 for file in bin/certcache include/tavik/crypto/certificatefilecache.h include/tavik/log/log.h \
             lib/cmake/tavik_certcache/tavik_certcacheConfig.cmake; do
   [ -e "$prefix/$file" ] || { echo "not installed: $file"; exit 1; }
+done
+for file in derreader.h certificatelayout.h filecontents.h filedescriptor.h pem.h pemfile.h; do
+  [ ! -e "$prefix/include/tavik/base/$file" ] || { echo "internal, yet installed: $file"; exit 1; }
 done
 "$prefix/bin/certcache" --help >/dev/null
 env CXXFLAGS= LDFLAGS= cmake -S "$2/tests/package" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$prefix" \

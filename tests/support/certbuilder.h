@@ -2,6 +2,7 @@
 #ifndef TAVIK_TESTS_SUPPORT_CERTBUILDER_H_
 #define TAVIK_TESTS_SUPPORT_CERTBUILDER_H_
 
+#include <openssl/err.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 

@@ -75,6 +75,7 @@ class StoreTest : public ::testing::Test {
     dir_ = pattern, root_ = dir_ + "/root", second_ = dir_ + "/second";
     fs::create_directories(root_ + "/user");
     LogFacility::setLevels(0x3E);
+    ERR_clear_error();
     LogFacility::setSink([this](const LogRecord& record) {
       log_.push_back(LogFacility::levelName(record.level) + (": " + record.message));
     });
@@ -196,7 +197,8 @@ class StoreTest : public ::testing::Test {
   // EMAIL", "selfsigned SUBJECT EMAIL PASSWORD FLAGS", "csr SUBJECT EMAIL PASSWORD FLAGS",
   // "cleanup SUBJECT EMAIL", "install ID EMAIL|junk|garbage|nomail OVERWRITE", "request EMAIL"
   // (CertReq), "verifycsr KEYFILE", "put ENTRY", "cadir", "unlink FILE", "chmod FILE MODE", "umask
-  // MODE", "mode FILE". "-" is the empty string.
+  // MODE", "mode FILE", "seed" (an error on OpenSSL's queue), "queue" (noted whether errors are
+  // left on it, which it then clears). "-" is the empty string.
   void script(const std::string& text) {
     std::istringstream calls(text);
     for (std::string call; std::getline(calls, call, ';');) {
@@ -264,6 +266,9 @@ class StoreTest : public ::testing::Test {
         note(req && pkey && X509_REQ_verify(req.get(), pkey.get()) == 1 ? "verifies"
                                                                         : "does not verify");
       }
+      if (c == "seed") ERR_raise_data(ERR_LIB_USER, 1, "seed");
+      if (c == "queue") note(ERR_peek_error() != 0 ? "errors left" : "no errors left");
+      if (c == "queue") ERR_clear_error();
       if (c == "put") put({a[1]});
       if (c == "cadir") fs::create_directory_symlink("user", root_ + "/ca");  // the same files
       if (c == "unlink") fs::remove(path(a[1]));

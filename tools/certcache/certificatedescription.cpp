@@ -14,7 +14,7 @@ namespace cli {
 
 namespace {
 
-using BignumPtr = std::unique_ptr<BIGNUM, openssl_detail::Deleter<BIGNUM, BN_free>>;
+using BignumPtr = OpenSSLPtr<BIGNUM, BN_free>;
 
 [[noreturn]] void unreadable(const char* field) {
   throw ToolError(kExitIoError, std::string("the certificate's ") + field + " cannot be read");
@@ -31,9 +31,9 @@ std::string nameText(const X509_NAME* name, const char* field) {
 std::string serialText(const ASN1_INTEGER* serial) {
   BignumPtr number(ASN1_INTEGER_to_BN(serial, nullptr));
   if (!number) unreadable("serial number");
-  OpenSslBytesPtr hex(reinterpret_cast<unsigned char*>(BN_bn2hex(number.get())));
+  OpenSSLCharsPtr hex(BN_bn2hex(number.get()));
   if (!hex) unreadable("serial number");
-  return reinterpret_cast<const char*>(hex.get());
+  return hex.get();
 }
 
 std::time_t timeValue(const ASN1_TIME* time, const char* field) {

@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "base/certificate.h"
+#include "base/filename.h"
 #include "certificatedescription.h"
 #include "output.h"
 #include "passwordsource.h"
@@ -31,8 +32,7 @@ constexpr std::size_t kMaxCertificateBytes = std::size_t{1024} * 1024;
 // The cache uses base names as they stand, so one taken from a person must not
 // leave the cache directory.
 void checkBaseName(const std::string& baseName) {
-  if (baseName.empty() || baseName == "." || baseName == ".." ||
-      baseName.find('/') != std::string::npos || baseName.find('\0') != std::string::npos) {
+  if (!isSafeBaseName(baseName)) {
     throw ToolError(kExitUsage, "'" + baseName +
                                     "' is not a file base name: it must be non-empty, not . "
                                     "or .., and hold no / or NUL");

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/filedescriptor.h"
 #include "toolerror.h"
 
 namespace tavik {
@@ -47,19 +48,12 @@ std::string readLine(int fd, const std::string& what) {
 }
 
 std::string readFromFile(const std::string& path) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-  if (fd < 0) {
+  const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+  if (!file.isOpen()) {
     throw ToolError(kExitNoInput,
                     "cannot read the password file " + path + ": " + std::strerror(errno));
   }
-  try {
-    std::string password = readLine(fd, "the file " + path);
-    ::close(fd);
-    return password;
-  } catch (...) {
-    ::close(fd);
-    throw;
-  }
+  return readLine(file.get(), "the file " + path);
 }
 
 std::string readFromDescriptor(const std::string& number) {

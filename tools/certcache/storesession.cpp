@@ -4,6 +4,7 @@
 #include <boost/make_shared.hpp>
 #include <cstdlib>
 
+#include "base/filename.h"
 #include "toolerror.h"
 
 namespace tavik {
@@ -66,7 +67,7 @@ StoreSession::StoreSession(const StoreOptions& options, bool createDirectories)
     filter_ = boost::make_shared<UserCertificateFilter>();
   }
   checkRoot(root);
-  if (createDirectories) makeDirectory(fs::path(root) / filter_->subdirectory());
+  if (createDirectories) makeDirectory(cacheDirectory(root, filter_->subdirectory()));
 
   store_ = std::make_unique<CertificateStore>(root, std::move(locations));
   cache_ = std::make_unique<CertFileCache>(*store_, filter_, options.withKeys);

@@ -1,8 +1,6 @@
-#include "base/certificateparser.h"
+#include "base/pem.h"
 
 #include <cstring>
-
-#include "base/derreader.h"
 
 namespace tavik {
 
@@ -10,97 +8,6 @@ namespace {
 
 constexpr char kPemBegin[] = "-----BEGIN CERTIFICATE-----";
 constexpr char kPemEnd[] = "-----END CERTIFICATE-----";
-
-// Deeper nesting than this is not found in certificates; refusing it bounds
-// the recursion on hostile input.
-constexpr int kMaxDepth = 24;
-
-constexpr unsigned char kTagInteger = 0x02;
-constexpr unsigned char kTagBitString = 0x03;
-constexpr unsigned char kTagUtcTime = 0x17;
-constexpr unsigned char kTagGeneralizedTime = 0x18;
-constexpr unsigned char kTagSequence = 0x30;
-constexpr unsigned char kTagVersion = 0xA0;          // [0] EXPLICIT
-constexpr unsigned char kTagIssuerUniqueId = 0x81;   // [1] IMPLICIT BIT STRING
-constexpr unsigned char kTagSubjectUniqueId = 0x82;  // [2] IMPLICIT BIT STRING
-constexpr unsigned char kTagExtensions = 0xA3;       // [3] EXPLICIT
-constexpr unsigned char kConstructed = 0x20;
-
-// Checks that the content of every constructed value is a run of values that
-// fills it exactly, all the way down.
-bool wellFormed(const unsigned char* p, const unsigned char* end, int depth) {
-  if (depth > kMaxDepth) return false;
-  while (p < end) {
-    Tlv tlv;
-    if (!readTlv(p, end, tlv)) return false;
-    if ((tlv.tag & kConstructed) != 0 && !wellFormed(tlv.content, tlv.end(), depth + 1)) {
-      return false;
-    }
-    p = tlv.end();
-  }
-  return true;
-}
-
-// Reads the next field of a constructed value and checks its tag.
-bool nextField(const unsigned char*& p, const unsigned char* end, unsigned char tag, Tlv& field) {
-  if (!readTlv(p, end, field) || field.tag != tag) return false;
-  p = field.end();
-  return true;
-}
-
-bool isTime(const Tlv& tlv) { return tlv.tag == kTagUtcTime || tlv.tag == kTagGeneralizedTime; }
-
-bool parseValidity(const Tlv& validity) {
-  const unsigned char* p = validity.content;
-  Tlv notBefore;
-  Tlv notAfter;
-  if (!readTlv(p, validity.end(), notBefore) || !isTime(notBefore)) return false;
-  p = notBefore.end();
-  if (!readTlv(p, validity.end(), notAfter) || !isTime(notAfter)) return false;
-  return notAfter.end() == validity.end();
-}
-
-bool parseTbs(const Tlv& tbs, CertificateLayout& layout) {
-  const unsigned char* p = tbs.content;
-  const unsigned char* end = tbs.end();
-  Tlv field;
-  if (!readTlv(p, end, field)) return false;
-  if (field.tag == kTagVersion) p = field.end();
-  Tlv validity;
-  Tlv subject;
-  Tlv publicKeyInfo;
-  if (!nextField(p, end, kTagInteger, field) || field.contentLength == 0) return false;  // serial
-  if (!nextField(p, end, kTagSequence, field)) return false;  // signature
-  if (!nextField(p, end, kTagSequence, field)) return false;  // issuer
-  if (!nextField(p, end, kTagSequence, validity) || !parseValidity(validity)) return false;
-  if (!nextField(p, end, kTagSequence, subject)) return false;
-  if (!nextField(p, end, kTagSequence, publicKeyInfo)) return false;
-
-  layout.subject = subject.start;
-  layout.subjectLength = subject.totalLength();
-  layout.extensions = nullptr;
-  layout.extensionsLength = 0;
-  // The optional tail: issuer unique id, subject unique id, extensions, in this order.
-  unsigned char lastTag = 0;
-  while (p < end) {
-    if (!readTlv(p, end, field)) return false;
-    const bool known = field.tag == kTagIssuerUniqueId || field.tag == kTagSubjectUniqueId ||
-                       field.tag == kTagExtensions;
-    if (!known || field.tag <= lastTag) return false;
-    lastTag = field.tag;
-    if (field.tag == kTagExtensions) {
-      Tlv list;
-      if (!readTlv(field.content, field.end(), list) || list.tag != kTagSequence ||
-          list.end() != field.end()) {
-        return false;
-      }
-      layout.extensions = list.start;
-      layout.extensionsLength = list.totalLength();
-    }
-    p = field.end();
-  }
-  return true;
-}
 
 // The value of each byte in base64 text: 0 to 63 for the alphabet, or one of
 // the markers below.
@@ -147,25 +54,6 @@ bool decodePemBlockAt(const std::string& text, std::string::size_type begin, std
 }
 
 }  // namespace
-
-bool parseCertificateLayout(const unsigned char* der, std::size_t length,
-                            CertificateLayout& layout) {
-  const unsigned char* end = der + length;
-  Tlv certificate;
-  if (!readTlv(der, end, certificate) || certificate.tag != kTagSequence ||
-      certificate.end() != end) {
-    return false;
-  }
-  if (!wellFormed(certificate.content, certificate.end(), 1)) return false;
-  const unsigned char* p = certificate.content;
-  Tlv tbs;
-  Tlv field;
-  if (!nextField(p, end, kTagSequence, tbs)) return false;
-  if (!nextField(p, end, kTagSequence, field)) return false;   // signature algorithm
-  if (!nextField(p, end, kTagBitString, field)) return false;  // signature value
-  if (p != end) return false;
-  return parseTbs(tbs, layout);
-}
 
 bool decodeBase64(const char* begin, const char* end, std::string& bytes) {
   // Every certificate of a store passes through here when it is loaded: one

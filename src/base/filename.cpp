@@ -1,4 +1,6 @@
-#include "base/stringutil.h"
+#include "base/filename.h"
+
+#include <boost/algorithm/string/replace.hpp>
 
 namespace tavik {
 
@@ -60,6 +62,29 @@ std::string to_lowercase(const std::string& text) {
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
   }
   return lowered;
+}
+
+std::string subjectToFilename(const std::string& subject, const std::string& email) {
+  if (!subject.empty()) return encodeFilename(subject);
+  return encodeFilename(boost::algorithm::replace_all_copy(email, "@", "_at_"));
+}
+
+bool isSafeBaseName(const std::string& baseName) {
+  return !baseName.empty() && baseName != "." && baseName != ".." &&
+         baseName.find('/') == std::string::npos && baseName.find('\0') == std::string::npos;
+}
+
+boost::filesystem::path cacheDirectory(const std::string& location, const char* subdirectory) {
+  boost::filesystem::path directory(location);
+  directory /= subdirectory;
+  return directory;
+}
+
+boost::filesystem::path credentialFile(const boost::filesystem::path& directory,
+                                       const std::string& baseName, const char* extension) {
+  boost::filesystem::path file = directory;
+  file /= baseName + extension;
+  return file;
 }
 
 }  // namespace tavik
