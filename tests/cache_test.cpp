@@ -71,6 +71,16 @@ const Case kCases[] = {
    {kLooking, kScanD, "debug: Certificate without private key. File missing: <%D/x.key>",
     "warning: 1 certificate(s) without matching key (file) found in <%D>", kScanS,
     "trace: Added certficate y@x => y", "info: Successfully found 1 certificate(s) in <%S>"}},
+  {"KeyIsThereWhenAnythingButADeadLinkIsThere", "a.crt b.crt c.crt c.key/ real.key", "open keys",
+   "a.crt a.key b.crt b.key c.crt c.key/ real.key", "a@x=a c@x=c",
+   {kLooking, kScanD, "trace: Added certficate a@x => a",
+    "debug: Certificate without private key. File missing: <%D/b.key>",
+    "trace: Added certficate c@x => c",
+    "warning: 1 certificate(s) without matching key (file) found in <%D>",
+    "info: Successfully found 2 certificate(s) in <%D>"}, kAnyOrder, [](T& t) {
+     ::symlink("real.key", t.path("a.key").c_str());
+     ::symlink("nowhere.key", t.path("b.key").c_str());
+   }},
   {"NothingFoundIsReportedOnceAtTheEnd", "x.crt", "open keys2", "x.crt", "",
    {kLooking, kScanD, "debug: Certificate without private key. File missing: <%D/x.key>",
     "warning: 1 certificate(s) without matching key (file) found in <%D>",

@@ -29,9 +29,9 @@ X509Ptr decodeWhole(const std::string& der) {
 
 // The DER of the certificate in a file's bytes: DER as it stands, or the first
 // PEM certificate block.
-bool certificateDer(const std::string& contents, std::string& der) {
+bool certificateDer(std::string_view contents, std::string& der) {
   if (!contents.empty() && static_cast<unsigned char>(contents[0]) == der::kSequence) {
-    der = contents;
+    der.assign(contents);
     return true;
   }
   return decodeFirstPemCertificate(contents, der);
@@ -107,13 +107,16 @@ std::shared_ptr<Certificate> Certificate::fromDer(std::string der, bool decodeWh
 }
 
 std::shared_ptr<Certificate> Certificate::createFromFile(std::string path, bool loadFlag) {
-  ConfigurationInit::ensure();
   std::string contents;
+  if (!readSmallRegularFile(path, kMaxCredentialFileSize, contents)) return nullptr;
+  return createFromContents(contents, loadFlag);
+}
+
+std::shared_ptr<Certificate> Certificate::createFromContents(std::string_view contents,
+                                                             bool loadFlag) {
+  ConfigurationInit::ensure();
   std::string der;
-  if (!readSmallRegularFile(path, kMaxCredentialFileSize, contents) ||
-      !certificateDer(contents, der)) {
-    return nullptr;
-  }
+  if (!certificateDer(contents, der)) return nullptr;
   std::shared_ptr<Certificate> certificate = fromDer(std::move(der), loadFlag);
   if (!certificate) ERR_clear_error();
   return certificate;

@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "base/certificateidentity.h"
 #include "base/opensslutil.h"
@@ -23,6 +24,8 @@ class Certificate {
   // Reads a PEM or DER certificate file. With loadFlag true the certificate is
   // decoded whole at once; with false, see the class comment.
   static std::shared_ptr<Certificate> createFromFile(std::string path, bool loadFlag);
+  // The same from a certificate file's bytes, read by the caller.
+  static std::shared_ptr<Certificate> createFromContents(std::string_view contents, bool loadFlag);
   // Reads a certificate and its PEM private key, decrypted with `password` (its
   // characters up to the first NUL). Empty unless the key decrypts and matches
   // the certificate's public key. The certificate is always decoded whole.

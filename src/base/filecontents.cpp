@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "base/filedescriptor.h"
@@ -44,6 +45,27 @@ bool readSmallRegularFile(const std::string& path, std::size_t limit, std::strin
   if (filled > limit) return false;
   contents.resize(filled);
   return true;
+}
+
+ReadAtResult readSmallFileAt(int directoryFd, const char* name, std::size_t limit,
+                             std::string& buffer, std::size_t& length) {
+  constexpr std::size_t kFirstBuffer = 16 * 1024;  // more than any certificate needs
+  const FileDescriptor file(
+      ::openat(directoryFd, name, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  if (!file.isOpen()) return errno == ENOENT ? ReadAtResult::kGone : ReadAtResult::kFailed;
+  if (buffer.size() < kFirstBuffer) buffer.resize(kFirstBuffer);
+  length = 0;
+  for (;;) {
+    const ssize_t got = ::read(file.get(), &buffer[length], buffer.size() - length);
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      return ReadAtResult::kFailed;
+    }
+    length += static_cast<std::size_t>(got);
+    if (length > limit) return ReadAtResult::kFailed;
+    if (length < buffer.size()) return ReadAtResult::kRead;
+    buffer.resize(std::min(2 * buffer.size(), limit + 1));
+  }
 }
 
 bool writeWholeFile(const std::string& path, const std::string& contents, unsigned mode) {

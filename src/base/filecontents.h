@@ -19,6 +19,21 @@ constexpr std::size_t kMaxCredentialFileSize = 1024 * 1024;
 bool readSmallRegularFile(const std::string& path, std::size_t limit, std::string& contents,
                           unsigned* mode = nullptr);
 
+// How reading a file of a listed directory ended.
+enum class ReadAtResult { kRead, kGone, kFailed };
+
+// Reads the whole file `name` of the open directory `directoryFd` into the
+// start of `buffer`, which grows as needed and is kept for the next file;
+// `length` is how much of it the file filled. A file of more than `limit` bytes
+// fails; one that is no longer there is kGone.
+//
+// Made for loading a store, where the listing said the entry is a regular
+// file: it asks for no status, and takes a read that comes back short for the
+// file's end, as it is for a regular file. A FIFO or device put there in the
+// meantime does not block (it is opened non-blocking) and reads as nothing.
+ReadAtResult readSmallFileAt(int directoryFd, const char* name, std::size_t limit,
+                             std::string& buffer, std::size_t& length);
+
 // Creates or truncates the file at `path`, writes `contents` and gives the file
 // the permission bits `mode`, whatever the umask; true when all of `contents`
 // was written.

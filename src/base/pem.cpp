@@ -1,5 +1,6 @@
 #include "base/pem.h"
 
+#include <cstdint>
 #include <cstring>
 
 namespace tavik {
@@ -31,24 +32,43 @@ struct Base64Table {
       values[static_cast<unsigned char>(space)] = kBase64Space;
     }
   }
-  unsigned char operator[](unsigned char c) const { return values[c]; }
+  constexpr unsigned char operator[](unsigned char c) const { return values[c]; }
 };
 
 constexpr Base64Table kBase64Values;
 
+// The value of a character already moved to its place in a group of four
+// (position 0 to 3), so that a group is four look-ups and three ORs; anything
+// outside the alphabet sets kNotInGroup.
+constexpr std::uint32_t kNotInGroup = 0x80000000u;
+struct Base64GroupTable {
+  std::uint32_t shifted[4][256];
+  constexpr Base64GroupTable() : shifted() {
+    for (int position = 0; position < 4; ++position) {
+      for (int c = 0; c < 256; ++c) {
+        const unsigned char value = kBase64Values[static_cast<unsigned char>(c)];
+        shifted[position][c] =
+            value < 64 ? static_cast<std::uint32_t>(value) << (18 - 6 * position) : kNotInGroup;
+      }
+    }
+  }
+};
+
+constexpr Base64GroupTable kBase64Groups;
+
 bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
-std::string::size_type skipSpace(const std::string& text, std::string::size_type from) {
+std::string_view::size_type skipSpace(std::string_view text, std::string_view::size_type from) {
   while (from < text.size() && isSpace(text[from])) ++from;
   return from;
 }
 
 // The DER between the marker lines of the PEM block whose BEGIN line starts at `begin`.
-bool decodePemBlockAt(const std::string& text, std::string::size_type begin, std::string& der,
-                      std::string::size_type& blockEnd) {
-  const std::string::size_type body = begin + std::strlen(kPemBegin);
-  const std::string::size_type endMarker = text.find(kPemEnd, body);
-  if (endMarker == std::string::npos) return false;
+bool decodePemBlockAt(std::string_view text, std::string_view::size_type begin, std::string& der,
+                      std::string_view::size_type& blockEnd) {
+  const std::string_view::size_type body = begin + std::strlen(kPemBegin);
+  const std::string_view::size_type endMarker = text.find(kPemEnd, body);
+  if (endMarker == std::string_view::npos) return false;
   blockEnd = endMarker + std::strlen(kPemEnd);
   return decodeBase64(text.data() + body, text.data() + endMarker, der);
 }
@@ -66,15 +86,15 @@ bool decodeBase64(const char* begin, const char* end, std::string& bytes) {
   for (const char* p = begin; p != end; ++p) {
     // Whole groups of four alphabet characters, the bulk of any text, go at once.
     while (inGroup == 0 && padding == 0 && end - p >= 4) {
-      const unsigned int a = kBase64Values[static_cast<unsigned char>(p[0])];
-      const unsigned int b = kBase64Values[static_cast<unsigned char>(p[1])];
-      const unsigned int c = kBase64Values[static_cast<unsigned char>(p[2])];
-      const unsigned int d = kBase64Values[static_cast<unsigned char>(p[3])];
-      if ((a | b | c | d) >= 64) break;
-      const unsigned int whole = (a << 18) | (b << 12) | (c << 6) | d;
-      *out++ = static_cast<char>((whole >> 16) & 0xFF);
-      *out++ = static_cast<char>((whole >> 8) & 0xFF);
-      *out++ = static_cast<char>(whole & 0xFF);
+      const std::uint32_t whole = kBase64Groups.shifted[0][static_cast<unsigned char>(p[0])] |
+                                  kBase64Groups.shifted[1][static_cast<unsigned char>(p[1])] |
+                                  kBase64Groups.shifted[2][static_cast<unsigned char>(p[2])] |
+                                  kBase64Groups.shifted[3][static_cast<unsigned char>(p[3])];
+      if ((whole & kNotInGroup) != 0) break;
+      out[0] = static_cast<char>(whole >> 16);
+      out[1] = static_cast<char>(whole >> 8);
+      out[2] = static_cast<char>(whole);
+      out += 3;
       p += 4;
     }
     if (p == end) break;
@@ -107,21 +127,21 @@ bool decodeBase64(const char* begin, const char* end, std::string& bytes) {
   return inGroup == 0;
 }
 
-bool decodeFirstPemCertificate(const std::string& text, std::string& der) {
-  std::string::size_type begin = text.find(kPemBegin);
+bool decodeFirstPemCertificate(std::string_view text, std::string& der) {
+  std::string_view::size_type begin = text.find(kPemBegin);
   // The marker must open a line.
-  while (begin != std::string::npos && begin != 0 && text[begin - 1] != '\n') {
+  while (begin != std::string_view::npos && begin != 0 && text[begin - 1] != '\n') {
     begin = text.find(kPemBegin, begin + 1);
   }
-  if (begin == std::string::npos) return false;
-  std::string::size_type blockEnd = 0;
+  if (begin == std::string_view::npos) return false;
+  std::string_view::size_type blockEnd = 0;
   return decodePemBlockAt(text, begin, der, blockEnd);
 }
 
-bool decodeCertificateText(const std::string& text, std::string& der) {
-  const std::string::size_type first = skipSpace(text, 0);
+bool decodeCertificateText(std::string_view text, std::string& der) {
+  const std::string_view::size_type first = skipSpace(text, 0);
   if (text.compare(first, std::strlen(kPemBegin), kPemBegin) == 0) {
-    std::string::size_type blockEnd = 0;
+    std::string_view::size_type blockEnd = 0;
     return decodePemBlockAt(text, first, der, blockEnd) && skipSpace(text, blockEnd) == text.size();
   }
   return decodeBase64(text.data() + first, text.data() + text.size(), der) && !der.empty();

@@ -4,6 +4,7 @@
 #define TAVIK_BASE_PEM_H_
 
 #include <string>
+#include <string_view>
 
 namespace tavik {
 
@@ -14,11 +15,11 @@ bool decodeBase64(const char* begin, const char* end, std::string& bytes);
 
 // The DER of the first PEM block labelled CERTIFICATE in `text`; text before and
 // after the block is ignored, as OpenSSL's PEM reader ignores it.
-bool decodeFirstPemCertificate(const std::string& text, std::string& der);
+bool decodeFirstPemCertificate(std::string_view text, std::string& der);
 
 // The DER of a certificate given as text: one PEM block labelled CERTIFICATE, or
 // bare base64 of the DER, either with surrounding white space and nothing else.
-bool decodeCertificateText(const std::string& text, std::string& der);
+bool decodeCertificateText(std::string_view text, std::string& der);
 
 }  // namespace tavik
 

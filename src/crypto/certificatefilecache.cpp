@@ -6,12 +6,15 @@
 #include <openssl/err.h>
 #include <openssl/pem.h>
 
+#include <algorithm>
 #include <boost/filesystem/operations.hpp>
 #include <boost/system/error_code.hpp>
 #include <cstdint>
+#include <string_view>
 #include <utility>
 
 #include "base/configurationinit.h"
+#include "base/directorylisting.h"
 #include "base/environment.h"
 #include "base/filecontents.h"
 #include "base/filename.h"
@@ -114,41 +117,61 @@ unsigned long CertFileCache::loadFromDir(const std::string& dir, unsigned long& 
   count = 0;
   unsigned long entered = 0;
 
-  boost::system::error_code error;
-  fs::directory_iterator entry(dir, error);
-  if (error) return 0;
-  // Advancing the listing and reading an entry's type throw on failure: a scan
-  // that cannot see the whole directory must not pass for a complete one.
-  for (; entry != fs::directory_iterator(); ++entry) {
-    if (!fs::is_regular_file(entry->status())) continue;
-    const fs::path& file = entry->path();
-    if (to_lowercase(file.extension().string()) != kCertExtension) continue;
+  // The whole listing is read first; then each certificate costs opening,
+  // reading and closing it, relative to the open directory, and whether its
+  // key is there comes from the listing.
+  const DirectoryListing listing(dir);
+  if (!listing.isOpen()) return 0;
+  index_.reserve(index_.size() + listing.size() / (withPrivateKeys_ ? 2 : 1));
+  std::string buffer;  // one for every file of the directory
+  std::string name;
+  for (std::size_t i = 0; i < listing.size(); ++i) {
+    // Type first, then extension.
+    if (!listing.isRegularFile(i)) continue;
+    const std::string_view fileName = listing.name(i);
+    const std::size_t dot = fileName.rfind('.');
+    if (dot == std::string_view::npos ||
+        to_lowercase(std::string(fileName.substr(dot))) != kCertExtension) {
+      continue;
+    }
+    const auto file = [&dir, fileName] { return fs::path(dir) / std::string(fileName); };
 
-    std::shared_ptr<Certificate> certificate = Certificate::createFromFile(file.string(), false);
+    name.assign(fileName);
+    std::size_t length = 0;
+    const ReadAtResult read =
+        readSmallFileAt(listing.fd(), name.c_str(), kMaxCredentialFileSize, buffer, length);
+    // A file removed since the listing is skipped, as a later listing would.
+    if (read == ReadAtResult::kGone) continue;
+    std::shared_ptr<Certificate> certificate =
+        read == ReadAtResult::kRead
+            ? Certificate::createFromContents(std::string_view(buffer.data(), length), false)
+            : nullptr;
     if (!certificate) {
-      TAVIK_LOG_WARNING(logHandle) << "Loading certificate from " << file << " failed";
+      TAVIK_LOG_WARNING(logHandle) << "Loading certificate from " << file() << " failed";
       continue;
     }
     if (!filter_->acceptsCertificate(certificate)) {
-      TAVIK_LOG_WARNING(logHandle) << "The certificate in " << file << " is not the required type";
+      TAVIK_LOG_WARNING(logHandle)
+          << "The certificate in " << file() << " is not the required type";
       continue;
     }
     ++count;
-    const std::string baseName = file.stem().string();
+    const std::string baseName(fileName.substr(0, dot));
 
     if (!withPrivateKeys_) {
       ++entered;
       addFileToCache(baseName, baseName, dir.c_str());
       continue;
     }
-    const fs::path keyFile = credentialFile(dir, baseName, kKeyExtension);
-    if (!entryExists(keyFile, error)) {
-      TAVIK_LOG_DEBUG(logHandle) << "Certificate without private key. File missing: " << keyFile;
+    if (!listing.exists(baseName + kKeyExtension)) {
+      TAVIK_LOG_DEBUG(logHandle) << "Certificate without private key. File missing: "
+                                 << credentialFile(dir, baseName, kKeyExtension);
       continue;
     }
     ++entered;
     addFileToCache(filter_->certificateId(certificate), baseName, dir.c_str());
   }
+  listing.throwIfIncomplete();
   return entered;
 }
 
@@ -232,6 +255,8 @@ std::size_t CertFileCache::listIds(std::vector<std::string>& ids) const {
   ids.clear();
   ids.reserve(index_.size());
   for (const auto& entry : index_) ids.push_back(entry.first);
+  // In the order of the identifiers, whatever the index's own.
+  std::sort(ids.begin(), ids.end());
   return ids.size();
 }
 

@@ -24,9 +24,9 @@
 #include <boost/filesystem/path.hpp>
 #include <boost/shared_ptr.hpp>
 #include <cstddef>
-#include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "base/certificate.h"
@@ -145,7 +145,9 @@ class CertFileCache {
   CertificateStore& store_;
   boost::shared_ptr<CertificateFilter> filter_;
   const bool withPrivateKeys_;
-  std::map<std::string, std::string> index_;  // identifier -> file base name
+  // identifier -> file base name; hashed, so that loading a large store does
+  // not compare long identifiers at every step.
+  std::unordered_map<std::string, std::string> index_;
 };
 
 }  // namespace tavik
