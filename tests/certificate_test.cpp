@@ -112,7 +112,7 @@ TEST_F(CertificateTest, IdentityIsTheSameEveryWayItIsReadAndTheFiltersFollow) {
       {seq(rdn(cn, "N", 0x13) + rdn(cn, "Caf\xE9", 0x13)), "", "", "0||N|-|-"},
       {seq(rdn(tlv(6, "\x80\x55\x04"), "x") + rdn(cn, "N")), "", "", ""},
       {seq(rdn(tlv(6, "\x55\x04\x83"), "x") + rdn(cn, "N")), "", "", ""},
-      {seq(rdn(tlv(6, "\x55\x80\x04"), "x") + rdn(cn, "N")), "", "", ""},
+      {seq(rdn(tlv(6, "\x55\x80\x84\x03"), "x") + rdn(cn, "N")), "", "", ""},
       {seq(rdn(mail, "e@x", 0x16)), "", "", "0|e@x|/emailAddress=e@x|e@x|-"},
       {seq(tlv(0x31, seq(cn + tlv(0x0C, "N") + tlv(5, "")))), "", "", ""},
       {seq(rdn(tlv(6, "\x55\x04\x0A"), "Org") + rdn(mail, "o@x", 0x16)), seq(ca), "",
