@@ -118,6 +118,12 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"!CERTCACHE_STORE=root " CERTCACHE_BINARY " list >/dev/full", 74, "cannot write to stan"},
     {"!ln -s ../root io/certcache && export HOME=/nowhere XDG_DATA_HOME=io && c list", 0,
      "al@x\ncy@x\ne@x\n"},
+    {"!exec 9>root/.certcache.lock && flock -s 9 && CERTCACHE_LOCK_WAIT=0 c --store root list", 0,
+     "al@x\ncy@x\ne@x\n"},
+    {"!exec 9>root/.certcache.lock && flock -s 9 && CERTCACHE_LOCK_WAIT=0 c --store root remove "
+     "al@x", 75, "store is busy"},
+    {"!exec 9>root/.certcache.lock && flock 9 && CERTCACHE_LOCK_WAIT=0 c --store root list", 75,
+     "store is busy"},
     {"--help", 0, "~.*Exit status.*"},
     // Bad input.
     {"list --passin=pass:" + kSecret, 64, "pass:(hidden)"}, {"show al@x " + kPass, 64, "hidden"},
@@ -136,8 +142,10 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"--passin file:pw-nul request --email b@x", 64, "NUL"}, {"--store io/in list", 74, "not a d"},
     {"--store io/in --passin pass:pw self-signed --email b@x", 74, "not a directory"},
     {"remove nobody@x", 4, "identifier"}, {"files nobody", 6, "does not exist"},
-    {"install none.crt", 66, "cannot read"}, {"cancel-request --email cy@x", 11, "pending"},
+    {"install none.crt", 66, "cannot read"}, {"cancel-request --email cy@x", 11, "pend"},
     {"install", 1, "not a certificate", "-----BEGIN CERTIFICATE-----\nAA==\n"},
+    {"--store root/nowhere list", 66, "store root"}, {"--store root/nowhere expiring", 66, "root"},
+    {"--location root/nowhere list", 66, "the location root/nowhere does not exist"},
     {"--passin pass:pw self-signed --email cy@x", 2, "--overwrite"},
   };  // clang-format on
   for (const Step& step : walk) {

@@ -82,7 +82,7 @@ std::string readInput(const std::string& file) {
 }
 
 int listCommand(const Invocation& invocation, std::ostream& out) {
-  StoreSession session(invocation.store, false);
+  StoreSession session(invocation.store, StoreAccess::kRead);
   std::vector<std::string> ids;
   session.cache().listIds(ids);
   std::vector<ListEntry> entries;
@@ -95,7 +95,7 @@ int listCommand(const Invocation& invocation, std::ostream& out) {
 int showCommand(const Invocation& invocation, std::ostream& out) {
   const bool withPassword = !invocation.passin.empty();
   const std::string password = withPassword ? readPassword(invocation.passin, false) : "";
-  StoreSession session(invocation.store, false);
+  StoreSession session(invocation.store, StoreAccess::kRead);
 
   ShowRecord record;
   record.id = invocation.id;
@@ -118,7 +118,7 @@ int showCommand(const Invocation& invocation, std::ostream& out) {
 
 int filesCommand(const Invocation& invocation, std::ostream& out) {
   checkBaseName(invocation.baseName);
-  StoreSession session(invocation.store, false);
+  StoreSession session(invocation.store, StoreAccess::kRead);
   std::string keyFile;
   std::string certFile;
   failOnResult(session.cache().getFileInfo(invocation.baseName, keyFile, certFile),
@@ -129,7 +129,7 @@ int filesCommand(const Invocation& invocation, std::ostream& out) {
 
 int selfSignedCommand(const Invocation& invocation, std::ostream& out) {
   const std::string password = readPassword(invocation.passin, true);
-  StoreSession session(invocation.store, true);
+  StoreSession session(invocation.store, StoreAccess::kCreate);
   const int flags = invocation.overwrite ? CertFileCache::overwriteExisting : 0;
   failOnResult(session.cache().createSelfSignedKeyPair(invocation.subject, invocation.email,
                                                        password, flags),
@@ -177,7 +177,7 @@ int requestCommand(const Invocation& invocation, std::ostream& out) {
   const std::string password = readPassword(invocation.passin, true);
   std::unique_ptr<RequestOutput> file;
   if (!invocation.outFile.empty()) file = std::make_unique<RequestOutput>(invocation.outFile);
-  StoreSession session(invocation.store, true);
+  StoreSession session(invocation.store, StoreAccess::kCreate);
 
   int flags = invocation.overwrite ? CertFileCache::overwriteExisting : 0;
   if (invocation.noTempKey) flags |= CertFileCache::skipTemporaryKey;
@@ -196,7 +196,7 @@ int requestCommand(const Invocation& invocation, std::ostream& out) {
 }
 
 int cancelRequestCommand(const Invocation& invocation, std::ostream& out) {
-  StoreSession session(invocation.store, false);
+  StoreSession session(invocation.store, StoreAccess::kChange);
   failOnResult(session.cache().cleanupCsr(invocation.subject, invocation.email),
                "no request cancelled for '" + invocation.email + "'");
   out << "cancelled the pending request for " << invocation.email << '\n';
@@ -211,7 +211,7 @@ int installCommand(const Invocation& invocation, std::ostream& out) {
     throw ToolError(CertFileCache::kFailed,
                     "the input is not a certificate (PEM or base64 of one was expected)");
   }
-  StoreSession session(invocation.store, true);
+  StoreSession session(invocation.store, StoreAccess::kCreate);
   failOnResult(session.cache().saveCert(invocation.id, text, invocation.overwrite),
                "the certificate was not installed");
   out << "installed the certificate\n";
@@ -221,7 +221,7 @@ int installCommand(const Invocation& invocation, std::ostream& out) {
 int renameCommand(const Invocation& invocation, std::ostream& out) {
   checkBaseName(invocation.baseName);
   checkBaseName(invocation.newBaseName);
-  StoreSession session(invocation.store, false);
+  StoreSession session(invocation.store, StoreAccess::kChange);
   failOnResult(session.cache().renameCert(invocation.baseName, invocation.newBaseName),
                "'" + invocation.baseName + "' was not renamed");
   out << "renamed " << invocation.baseName << " to " << invocation.newBaseName << '\n';
@@ -229,7 +229,7 @@ int renameCommand(const Invocation& invocation, std::ostream& out) {
 }
 
 int removeCommand(const Invocation& invocation, std::ostream& out) {
-  StoreSession session(invocation.store, false);
+  StoreSession session(invocation.store, StoreAccess::kChange);
   failOnResult(session.cache().removeCert(invocation.id),
                "'" + invocation.id + "' was not removed");
   out << "removed " << invocation.id << '\n';
@@ -237,7 +237,7 @@ int removeCommand(const Invocation& invocation, std::ostream& out) {
 }
 
 int expiringCommand(const Invocation& invocation, std::ostream& out) {
-  StoreSession session(invocation.store, false);
+  StoreSession session(invocation.store, StoreAccess::kRead);
   const std::time_t now = std::time(nullptr);
   const std::time_t cutoff = now + static_cast<std::time_t>(invocation.days) * 24 * 60 * 60;
 
