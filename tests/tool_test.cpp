@@ -78,6 +78,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "*"},
     {"--passin file:pw request --email cy@x --out cy.csr", 0,
      "wrote the certificate request for cy@x to cy.csr\n"},
+    {"--passin file:pw request --email cy@x --out cy.csr", 2, "pending since"},  // a retry
     {"!openssl req -verify -noout -text -in cy.csr 2>&1 | grep -o -e 'verify OK' -e 'Version: "
      "[0-9]*' -e 'Subject: .*' -e 'sha[0-9]*WithRSA' && [ \"$(openssl req -noout -modulus -in "
      "cy.csr)\" = \"$(openssl rsa -noout -modulus -passin $P -in root/user/cy_at_x.tpk)\" ]", 0,
@@ -102,7 +103,9 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {kPass + " request --email f@x", 0, "*"},
     {"cancel-request --email f@x", 0, "cancelled the pending request for f@x\n"},
     {"rename al_at_x al-2026", 0, "renamed al_at_x to al-2026\n"},
-    {"remove b@x", 0, "removed b@x\n"},
+    {kPass + " self-signed --email o@x", 0, "*"}, {"rename o_at_x b_at_x", 2, "--overwrite"},
+    {"rename --overwrite o_at_x b_at_x", 0, "renamed o_at_x to b_at_x\n"},
+    {"remove o@x", 0, "removed o@x\n"},
     {"list --long", 0, "al@x\tal-2026\ncy@x\tcy_at_x\ne@x\tlaptop\nt@x\tt\n"},
     {"remove t@x", 0, "*"},
     {"expiring", 20, "~cy@x\t" + kTime + "\tdue\ne@x\t" + kTime + "\tdue\n"},
@@ -144,8 +147,14 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"remove nobody@x", 4, "identifier"}, {"files nobody", 6, "does not exist"},
     {"install none.crt", 66, "cannot read"}, {"cancel-request --email cy@x", 11, "pend"},
     {"install", 1, "not a certificate", "-----BEGIN CERTIFICATE-----\nAA==\n"},
+    {kPass + " self-signed --email noatsign", 64, "address"},
+    {"--kind ca " + kPass + " self-signed --email ca@x", 64, "user certificates only"},
+    {kPass + " request --email a@b@x", 64, "address"}, {"cancel-request --email x@", 64, "address"},
+    {kPass + " request --email '@x'", 64, "address"}, {kPass + " request --email 'a b@x'", 64, "@"},
+    {kPass + " request --email \"$(printf 'a\\tb@x')\"", 64, "address"},
     {"--store root/nowhere list", 66, "store root"}, {"--store root/nowhere expiring", 66, "root"},
     {"--location root/nowhere list", 66, "the location root/nowhere does not exist"},
+    {"rename cy_at_x d_at_x", 2, "exists and would be replaced"},
     {"--passin pass:pw self-signed --email cy@x", 2, "--overwrite"},
   };  // clang-format on
   for (const Step& step : walk) {

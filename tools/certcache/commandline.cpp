@@ -100,7 +100,8 @@ void addCommands(CLI::App& app, Invocation& invocation) {
       "request", "Make a new key and a certificate request; the key waits until install");
   addEmailOptions(*request, invocation, "to request a certificate for");
   request->add_flag("--overwrite", invocation.overwrite,
-                    "Go on even though a key of that name exists, e.g. --overwrite");
+                    "Go on even though a key of that name exists or a request is pending, "
+                    "replacing the pending key, e.g. --overwrite");
   request->add_flag("--no-temp-key", invocation.noTempKey,
                     "Store the key as the final key at once instead of a pending one, "
                     "e.g. --no-temp-key");
@@ -128,6 +129,8 @@ void addCommands(CLI::App& app, Invocation& invocation) {
       "rename", "Rename a certificate's files, e.g. rename alice_at_x alice-old");
   rename->add_option("BASENAME", invocation.baseName, "The current file base name")->required();
   rename->add_option("NEWBASENAME", invocation.newBaseName, "The new file base name")->required();
+  rename->add_flag("--overwrite", invocation.overwrite,
+                   "Replace files of NEWBASENAME that exist, e.g. --overwrite");
 
   CLI::App* remove = app.add_subcommand(
       "remove", "Delete a certificate and its key, e.g. remove alice@example.org");

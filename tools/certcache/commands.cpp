@@ -14,7 +14,9 @@
 #include "certificatedescription.h"
 #include "output.h"
 #include "passwordsource.h"
+#include "requestcommands.h"
 #include "resultwords.h"
+#include "safeguards.h"
 #include "toolerror.h"
 
 namespace tavik {
@@ -39,9 +41,13 @@ void checkBaseName(const std::string& baseName) {
   }
 }
 
+}  // namespace
+
 void failOnResult(int result, const std::string& what) {
   if (result != CertFileCache::kDone) throw ToolError(result, what + ": " + describeResult(result));
 }
+
+namespace {
 
 // Reads a certificate alone, without its key: by the index's base name, the
 // file in the root, and the certificate factory.
@@ -128,6 +134,12 @@ int filesCommand(const Invocation& invocation, std::ostream& out) {
 }
 
 int selfSignedCommand(const Invocation& invocation, std::ostream& out) {
+  checkEmailAddress(invocation.email);
+  if (invocation.store.authorities) {
+    throw ToolError(
+        kExitUsage,
+        "self-signed makes user certificates only, which a --kind ca store never lists");
+  }
   const std::string password = readPassword(invocation.passin, true);
   StoreSession session(invocation.store, StoreAccess::kCreate);
   const int flags = invocation.overwrite ? CertFileCache::overwriteExisting : 0;
@@ -138,64 +150,8 @@ int selfSignedCommand(const Invocation& invocation, std::ostream& out) {
   return kExitOk;
 }
 
-// The --out file of a request, opened before the request is made so that an
-// unwritable path fails before any key exists, and removed again when the
-// request is not made and the file was new.
-class RequestOutput {
- public:
-  explicit RequestOutput(const std::string& path) : path_(path) {
-    boost::system::error_code error;
-    existed_ = fs::exists(fs::symlink_status(path, error));
-    stream_.open(path, std::ios::binary | std::ios::trunc);
-    if (!stream_) {
-      throw ToolError(kExitIoError, "cannot write " + path + ": " + std::strerror(errno));
-    }
-  }
-  ~RequestOutput() {
-    if (done_) return;
-    stream_.close();
-    if (!existed_) std::remove(path_.c_str());
-  }
-  RequestOutput(const RequestOutput&) = delete;
-  RequestOutput& operator=(const RequestOutput&) = delete;
-
-  void write(const std::string& text) {
-    stream_ << text;
-    stream_.close();
-    if (!stream_) throw ToolError(kExitIoError, "cannot write " + path_);
-    done_ = true;
-  }
-
- private:
-  std::string path_;
-  std::ofstream stream_;
-  bool existed_ = false;
-  bool done_ = false;
-};
-
-int requestCommand(const Invocation& invocation, std::ostream& out) {
-  const std::string password = readPassword(invocation.passin, true);
-  std::unique_ptr<RequestOutput> file;
-  if (!invocation.outFile.empty()) file = std::make_unique<RequestOutput>(invocation.outFile);
-  StoreSession session(invocation.store, StoreAccess::kCreate);
-
-  int flags = invocation.overwrite ? CertFileCache::overwriteExisting : 0;
-  if (invocation.noTempKey) flags |= CertFileCache::skipTemporaryKey;
-  std::string csr;
-  failOnResult(
-      session.cache().createCsr(invocation.subject, invocation.email, password, flags, csr),
-      "no request made for '" + invocation.email + "'");
-  if (!file) {
-    out << csr;
-    return kExitOk;
-  }
-  file->write(csr);
-  out << "wrote the certificate request for " << invocation.email << " to " << invocation.outFile
-      << '\n';
-  return kExitOk;
-}
-
 int cancelRequestCommand(const Invocation& invocation, std::ostream& out) {
+  checkEmailAddress(invocation.email);
   StoreSession session(invocation.store, StoreAccess::kChange);
   failOnResult(session.cache().cleanupCsr(invocation.subject, invocation.email),
                "no request cancelled for '" + invocation.email + "'");
@@ -222,6 +178,7 @@ int renameCommand(const Invocation& invocation, std::ostream& out) {
   checkBaseName(invocation.baseName);
   checkBaseName(invocation.newBaseName);
   StoreSession session(invocation.store, StoreAccess::kChange);
+  if (!invocation.overwrite) refuseExistingFiles(session.directory(), invocation.newBaseName);
   failOnResult(session.cache().renameCert(invocation.baseName, invocation.newBaseName),
                "'" + invocation.baseName + "' was not renamed");
   out << "renamed " << invocation.baseName << " to " << invocation.newBaseName << '\n';

@@ -5,6 +5,7 @@
 #define TAVIK_TOOLS_CERTCACHE_COMMANDS_H_
 
 #include <iosfwd>
+#include <string>
 
 #include "commandline.h"
 
@@ -14,6 +15,10 @@ namespace cli {
 // Runs the command of `invocation`, writing its output to `out`, and returns
 // the exit status. Failures are thrown as ToolError.
 int runCommand(const Invocation& invocation, std::ostream& out);
+
+// Throws ToolError with the cache's `result` as status, `what` and the words of
+// the result as message, unless the result is 0.
+void failOnResult(int result, const std::string& what);
 
 }  // namespace cli
 }  // namespace tavik

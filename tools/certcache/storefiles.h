@@ -1,0 +1,33 @@
+// The files of a base name in the root's cache directory and the base names
+// that the cache gives new files, as the tool needs them to check the store
+// before it calls the cache (the cache itself says only what it did).
+#ifndef TAVIK_TOOLS_CERTCACHE_STOREFILES_H_
+#define TAVIK_TOOLS_CERTCACHE_STOREFILES_H_
+
+#include <string>
+
+namespace tavik {
+namespace cli {
+
+// The extensions of a certificate's files, as the cache writes them.
+extern const char kCertExtension[];
+extern const char kKeyExtension[];
+extern const char kPendingKeyExtension[];
+
+// The path of `baseName` + `extension` in `directory`, joined as the cache joins it.
+std::string storeFile(const std::string& directory, const std::string& baseName,
+                      const char* extension);
+
+// True when anything is at `path` (a dangling link included).
+bool entryExists(const std::string& path);
+
+// The base name that the cache gives the files made for a subject and an
+// e-mail address: the encoded subject, else the encoded address with every "@"
+// written "_at_". The same rule names an installed certificate after --id, else
+// after its identifier.
+std::string fileBaseName(const std::string& subject, const std::string& email);
+
+}  // namespace cli
+}  // namespace tavik
+
+#endif  // TAVIK_TOOLS_CERTCACHE_STOREFILES_H_
