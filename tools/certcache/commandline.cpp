@@ -23,12 +23,16 @@ const char kFooter[] =
     "  certcache --store /tmp/store --json show alice@example.org\n"
     "  certcache --store /tmp/store --passin file:pw.txt request --email bob@example.org "
     "--out bob.csr\n"
-    "  certcache --store /tmp/store install bob.crt\n"
+    "  certcache --store /tmp/store --passin file:pw.txt install bob.crt\n"
     "  certcache --store /tmp/store expiring --days 60 || echo 'something is due'\n"
     "\n"
-    "Exit status: 0 done; 1-13 the cache's result code; 20 expiring found something; "
-    "64 usage error; 66 input or password source unreadable; 74 other failure; "
-    "100-104 lookup failures (100: no such identifier).";
+    "Exit status: 0 done; 1-13 the cache's result code (2: exists, add --overwrite); "
+    "20 expiring found something; 64 usage error; 65 the input is not what the command "
+    "needs (a certificate for another key, a request given to install); 66 an input, "
+    "password source, store root or location is missing or unreadable; 74 other failure; "
+    "75 the store is busy (locked by another run for 10 seconds, or $CERTCACHE_LOCK_WAIT); "
+    "100-104 lookup failures (100: no such identifier, 103: the key does not open with "
+    "the password).";
 
 void addGlobalOptions(CLI::App& app, Invocation& invocation) {
   app.add_option("--store", invocation.store.root,
@@ -115,14 +119,17 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   addEmailOptions(*cancel, invocation, "that the request was made for");
 
   CLI::App* install = app.add_subcommand(
-      "install", "Install a signed certificate (PEM or base64) from FILE or stdin");
+      "install",
+      "Install a signed certificate from FILE or stdin (PEM with text around it, a PEM "
+      "bundle, DER or base64) beside its key; a key-holding store needs the password, and "
+      "a certificate for another key is refused");
   install
       ->add_option("--id", invocation.id,
                    "Name the files after this (the --subject of the request) instead of the "
                    "certificate's identifier, e.g. --id laptop")
       ->type_name("ID");
   install->add_flag("--overwrite", invocation.overwrite,
-                    "Replace an existing certificate file, e.g. --overwrite");
+                    "Replace an installed certificate (a renewal, a re-issue), e.g. --overwrite");
   install->add_option("FILE", invocation.inputFile, "The certificate file, e.g. alice.crt");
 
   CLI::App* rename = app.add_subcommand(

@@ -1,17 +1,12 @@
 #include "commands.h"
 
-#include <boost/filesystem/operations.hpp>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <ctime>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <memory>
 
 #include "base/certificate.h"
 #include "certificatedescription.h"
+#include "installcommand.h"
 #include "output.h"
 #include "passwordsource.h"
 #include "requestcommands.h"
@@ -23,12 +18,6 @@ namespace tavik {
 namespace cli {
 
 namespace {
-
-namespace fs = boost::filesystem;
-
-// No certificate comes near this; the library refuses larger text anyway, so
-// reading stops here rather than taking in an endless stream.
-constexpr std::size_t kMaxCertificateBytes = std::size_t{1024} * 1024;
 
 // The cache uses base names as they stand, so one taken from a person must not
 // leave the cache directory.
@@ -67,24 +56,6 @@ std::shared_ptr<Certificate> readCertificateAlone(const CertFileCache& cache, co
                     describeLookupError(CertFileCache::kCertUnreadable, id));
   }
   return certificate;
-}
-
-std::string readInput(const std::string& file) {
-  std::ifstream stream;
-  std::istream* in = &std::cin;
-  const std::string name = file.empty() ? std::string("standard input") : file;
-  if (!file.empty()) {
-    stream.open(file, std::ios::binary);
-    if (!stream) {
-      throw ToolError(kExitNoInput, "cannot read " + file + ": " + std::strerror(errno));
-    }
-    in = &stream;
-  }
-  std::string text(kMaxCertificateBytes + 1, '\0');
-  in->read(&text[0], static_cast<std::streamsize>(text.size()));
-  if (in->bad()) throw ToolError(kExitNoInput, "cannot read " + name);
-  text.resize(static_cast<std::size_t>(in->gcount()));
-  return text;
 }
 
 int listCommand(const Invocation& invocation, std::ostream& out) {
@@ -156,21 +127,6 @@ int cancelRequestCommand(const Invocation& invocation, std::ostream& out) {
   failOnResult(session.cache().cleanupCsr(invocation.subject, invocation.email),
                "no request cancelled for '" + invocation.email + "'");
   out << "cancelled the pending request for " << invocation.email << '\n';
-  return kExitOk;
-}
-
-int installCommand(const Invocation& invocation, std::ostream& out) {
-  const std::string text = readInput(invocation.inputFile);
-  // Checked here, not only by the cache, so that the person hears which of the
-  // cache's failures it was, and nothing is made on disk for it.
-  if (!Certificate::createFromBase64(text)) {
-    throw ToolError(CertFileCache::kFailed,
-                    "the input is not a certificate (PEM or base64 of one was expected)");
-  }
-  StoreSession session(invocation.store, StoreAccess::kCreate);
-  failOnResult(session.cache().saveCert(invocation.id, text, invocation.overwrite),
-               "the certificate was not installed");
-  out << "installed the certificate\n";
   return kExitOk;
 }
 
