@@ -98,7 +98,17 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {kSign + "cy.csr -outform DER -out cy.der 2>&1", 0, "*"},  // a re-issue for the same key
     {kPass + " install --overwrite cy.der", 0, "installed the certificate\n"},
     {"![ \"$(c --store root --passin $P show cy@x | grep serial:)\" = \"serial: $(openssl x509 "
-     "-inform DER -in cy.der -noout -serial | cut -d= -f2)\" ]", 0, ""},
+     "-inform DER -in cy.der -noout -serial | cut -d= -f2)\" ] && c --store root --passin $P "
+     "renew cy@x --out cy2.csr && " + kSign.substr(1) + "cy2.csr -out cy2.crt >/dev/null 2>&1 && "
+     "cat ca.crt cy2.crt >cy2.pem", 0, "wrote the certificate request for cy@x to cy2.csr\n"},
+    {kPass + " renew cy@x", 2, "pending since"},
+    {"list --pending", 0, "~cy_at_x\t" + kTime + "\n"},
+    {"--json list --pending", 0, "~\\[\n  \\{\n    \"base_name\": \"cy_at_x\",\n    \"since\": "
+     "\"" + kTime + "\"\n  \\}\n\\]\n"},
+    {kPass + " install cy2.pem", 2, "--overwrite"},
+    {"!c --store root --passin $P install --overwrite cy2.pem 2>&1 && c --store root list "
+     "--pending", 0, "certcache: install: left out CN=CA: not the certificate installed\n"
+     "installed the certificate\n"},
     {"--passin fd:5 request --email d@x --no-temp-key 5<pw >d.csr", 0, ""},
     {kSign + "d.csr -out d.crt 2>&1", 0, "*"},
     {kPass + " install", 0, "installed the certificate\n", "@d.crt"},

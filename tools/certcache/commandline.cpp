@@ -24,6 +24,7 @@ const char kFooter[] =
     "  certcache --store /tmp/store --passin file:pw.txt request --email bob@example.org "
     "--out bob.csr\n"
     "  certcache --store /tmp/store --passin file:pw.txt install bob.crt\n"
+    "  certcache --store /tmp/store --passin file:pw.txt renew bob@example.org --out bob2.csr\n"
     "  certcache --store /tmp/store expiring --days 60 || echo 'something is due'\n"
     "\n"
     "Exit status: 0 done; 1-13 the cache's result code (2: exists, add --overwrite); "
@@ -84,6 +85,9 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   CLI::App* list = app.add_subcommand("list", "The identifiers, one a line");
   list->add_flag("--long", invocation.longList,
                  "Each with its file base name: ID<TAB>BASENAME, e.g. list --long");
+  list->add_flag("--pending", invocation.pendingList,
+                 "The requests waiting for a certificate instead: BASENAME<TAB>SINCE, e.g. "
+                 "list --pending");
 
   CLI::App* show = app.add_subcommand(
       "show", "One certificate; with --passin its key is read too, e.g. show alice@example.org");
@@ -110,6 +114,18 @@ void addCommands(CLI::App& app, Invocation& invocation) {
                     "Store the key as the final key at once instead of a pending one, "
                     "e.g. --no-temp-key");
   request
+      ->add_option("--out", invocation.outFile,
+                   "Write the request's PEM to FILE instead of stdout, e.g. --out alice.csr")
+      ->type_name("FILE");
+
+  CLI::App* renew = app.add_subcommand(
+      "renew",
+      "A request with a new key for an installed certificate, under its base name; "
+      "the installed pair keeps working until install --overwrite replaces both");
+  renew->add_option("ID", invocation.id, "The identifier, e.g. alice@example.org")->required();
+  renew->add_flag("--overwrite", invocation.overwrite,
+                  "Replace the key of a request that is already pending, e.g. --overwrite");
+  renew
       ->add_option("--out", invocation.outFile,
                    "Write the request's PEM to FILE instead of stdout, e.g. --out alice.csr")
       ->type_name("FILE");

@@ -12,6 +12,7 @@
 #include "requestcommands.h"
 #include "resultwords.h"
 #include "safeguards.h"
+#include "storefiles.h"
 #include "toolerror.h"
 
 namespace tavik {
@@ -36,8 +37,6 @@ void failOnResult(int result, const std::string& what) {
   if (result != CertFileCache::kDone) throw ToolError(result, what + ": " + describeResult(result));
 }
 
-namespace {
-
 // Reads a certificate alone, without its key: by the index's base name, the
 // file in the root, and the certificate factory.
 std::shared_ptr<Certificate> readCertificateAlone(const CertFileCache& cache, const std::string& id,
@@ -58,8 +57,14 @@ std::shared_ptr<Certificate> readCertificateAlone(const CertFileCache& cache, co
   return certificate;
 }
 
+namespace {
+
 int listCommand(const Invocation& invocation, std::ostream& out) {
   StoreSession session(invocation.store, StoreAccess::kRead);
+  if (invocation.pendingList) {
+    printPending(out, pendingRequests(session.directory()), invocation.json);
+    return kExitOk;
+  }
   std::vector<std::string> ids;
   session.cache().listIds(ids);
   std::vector<ListEntry> entries;
@@ -188,6 +193,7 @@ int runCommand(const Invocation& invocation, std::ostream& out) {
   if (command == "files") return filesCommand(invocation, out);
   if (command == "self-signed") return selfSignedCommand(invocation, out);
   if (command == "request") return requestCommand(invocation, out);
+  if (command == "renew") return renewCommand(invocation, out);
   if (command == "cancel-request") return cancelRequestCommand(invocation, out);
   if (command == "install") return installCommand(invocation, out);
   if (command == "rename") return renameCommand(invocation, out);

@@ -95,5 +95,19 @@ void printExpiring(std::ostream& out, const std::vector<ExpiringEntry>& entries,
   }
 }
 
+void printPending(std::ostream& out, const std::vector<PendingRequest>& requests, bool json) {
+  if (json) {
+    Json array = Json::array();
+    for (const PendingRequest& request : requests) {
+      array.push_back({{"base_name", request.baseName}, {"since", formatTime(request.since)}});
+    }
+    writeJson(out, array);
+    return;
+  }
+  for (const PendingRequest& request : requests) {
+    out << request.baseName << '\t' << formatTime(request.since) << '\n';
+  }
+}
+
 }  // namespace cli
 }  // namespace tavik

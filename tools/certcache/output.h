@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "certificatedescription.h"
+#include "storefiles.h"
 
 namespace tavik {
 namespace cli {
@@ -44,6 +45,10 @@ struct ExpiringEntry {
 
 // Lines ID<TAB>NOT_AFTER<TAB>expired|due; JSON: an array of {"id", "not_after", "expired"}.
 void printExpiring(std::ostream& out, const std::vector<ExpiringEntry>& entries, bool json);
+
+// Lines BASENAME<TAB>SINCE (the time as 2026-01-31T12:00:00Z); JSON: an array of
+// {"base_name", "since"}.
+void printPending(std::ostream& out, const std::vector<PendingRequest>& requests, bool json);
 
 }  // namespace cli
 }  // namespace tavik

@@ -8,6 +8,7 @@
 #include <memory>
 #include <ostream>
 
+#include "base/stringutil.h"
 #include "commands.h"
 #include "passwordsource.h"
 #include "safeguards.h"
@@ -88,6 +89,28 @@ int requestCommand(const Invocation& invocation, std::ostream& out) {
   if (invocation.noTempKey) flags |= CertFileCache::skipTemporaryKey;
   return makeRequest(session, invocation.subject, invocation.email, password, flags, invocation,
                      out);
+}
+
+int renewCommand(const Invocation& invocation, std::ostream& out) {
+  const std::string password = readPassword(invocation.passin, true);
+  StoreSession session(invocation.store, StoreAccess::kChange);
+  std::string baseName;
+  const std::shared_ptr<Certificate> certificate =
+      readCertificateAlone(session.cache(), invocation.id, baseName);
+  const std::string email = certificate->identity().email;
+  if (email.empty()) {
+    throw ToolError(kExitDataError,
+                    "'" + invocation.id + "' names no e-mail address to request a certificate for");
+  }
+  // The cache names a request's files by encoding its subject, so the subject
+  // that gives the installed base name is that name decoded.
+  const std::string subject = decodeFilename(baseName);
+  if (encodeFilename(subject) != baseName) {
+    throw ToolError(kExitDataError, "the files of '" + invocation.id + "' are named " + baseName +
+                                        ", a name that no request makes; rename them first");
+  }
+  return makeRequest(session, subject, email, password, CertFileCache::overwriteExisting,
+                     invocation, out);
 }
 
 }  // namespace cli

@@ -1,9 +1,11 @@
 #include "storefiles.h"
 
+#include <algorithm>
 #include <boost/algorithm/string/replace.hpp>
 #include <boost/filesystem/operations.hpp>
 
 #include "base/stringutil.h"
+#include "toolerror.h"
 
 namespace tavik {
 namespace cli {
@@ -27,6 +29,28 @@ bool entryExists(const std::string& path) {
 std::string fileBaseName(const std::string& subject, const std::string& email) {
   if (!subject.empty()) return encodeFilename(subject);
   return encodeFilename(boost::algorithm::replace_all_copy(email, "@", "_at_"));
+}
+
+std::vector<PendingRequest> pendingRequests(const std::string& directory) {
+  std::vector<PendingRequest> requests;
+  boost::system::error_code error;
+  for (fs::directory_iterator it(directory, error), end; !error && it != end; it.increment(error)) {
+    const fs::path& file = it->path();
+    if (file.extension() != kPendingKeyExtension || !fs::is_regular_file(it->symlink_status())) {
+      continue;
+    }
+    boost::system::error_code timeError;
+    const std::time_t since = fs::last_write_time(file, timeError);
+    requests.push_back({file.stem().string(), timeError ? 0 : since});
+  }
+  // A store without this kind's directory has no requests of it.
+  if (error && error != boost::system::errc::no_such_file_or_directory) {
+    throw ToolError(kExitIoError, "cannot list " + directory + ": " + error.message());
+  }
+  std::sort(requests.begin(), requests.end(), [](const PendingRequest& a, const PendingRequest& b) {
+    return a.baseName < b.baseName;
+  });
+  return requests;
 }
 
 }  // namespace cli

@@ -4,7 +4,9 @@
 #ifndef TAVIK_TOOLS_CERTCACHE_STOREFILES_H_
 #define TAVIK_TOOLS_CERTCACHE_STOREFILES_H_
 
+#include <ctime>
 #include <string>
+#include <vector>
 
 namespace tavik {
 namespace cli {
@@ -26,6 +28,14 @@ bool entryExists(const std::string& path);
 // written "_at_". The same rule names an installed certificate after --id, else
 // after its identifier.
 std::string fileBaseName(const std::string& subject, const std::string& email);
+
+struct PendingRequest {
+  std::string baseName;
+  std::time_t since = 0;  // when its temporary key file was last written
+};
+
+// The requests waiting in `directory` (its .tpk files), ordered by base name.
+std::vector<PendingRequest> pendingRequests(const std::string& directory);
 
 }  // namespace cli
 }  // namespace tavik
