@@ -209,6 +209,28 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
   }
 }
 
+// Runs that change one store at once: six requests answered, installed and renamed onto one name,
+// and six requests for one address. Whatever interleaves, one rename and one request win, the
+// others are refused, nothing is lost and every certificate sits beside its own key.
+TEST_F(ToolTest, ConcurrentRunsLeaveEveryCertificateBesideItsOwnKey) {
+  EXPECT_EQ(
+      run("!openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout "
+          "ca.key -out ca.crt -subj /CN=CA 2>/dev/null && q() { c --store root --passin $P "
+          "\"$@\" >/dev/null 2>&1; echo \"$1 $?\"; } && sign() { openssl x509 -req -CA ca.crt "
+          "-CAkey ca.key -set_serial $2 -in $1.csr -out $1.crt 2>/dev/null; } && for i in 1 2 3 "
+          "4 5 6; do { q request --email p$i@x --out p$i.csr; sign p$i $i; q install p$i.crt; q "
+          "rename p${i}_at_x same; } & { q request --email s@x --out s$i.csr; sign s$i 1$i; q "
+          "install s$i.crt; } & done >io/tally; wait; sort io/tally | uniq -c | tr -s ' '; for "
+          "f in root/user/*.crt; do [ \"$(openssl x509 -noout -modulus -in $f)\" = \"$(openssl "
+          "rsa -noout -modulus -passin $P -in ${f%.crt}.key)\" ] && echo paired; done | uniq -c; "
+          "ls root/user | sed 's/.*[.]//' | sort | uniq -c"),
+      0);
+  EXPECT_EQ(out_,
+            " 7 install 0\n 5 install 66\n 1 rename 0\n 5 rename 2\n 7 request 0\n 5 request 2\n"
+            "      7 paired\n      7 crt\n      7 key\n")
+      << err_;
+}
+
 TEST_F(ToolTest, AsksTheTerminalWithoutEchoAndTwiceForANewKey) {
   const auto terminal = [this](const std::string& args, const std::string& again) {
     return run("!expect -c 'spawn " CERTCACHE_BINARY " --store root " + args +
