@@ -95,6 +95,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "-in cy.crt | cut -d= -f2 | tr -d : | tr A-F a-f)\"", 0, "*"},
     {"--json " + kPass + " show cy@x", 0, "~.*\"issuer\": \"CN=CA\".*"},
     {kPass + " install cy.crt", 2, "--overwrite"},
+    {kPass + " request --email cy@x --out cy.csr", 2, "--overwrite"},  // cy.csr is kept
     {kSign + "cy.csr -outform DER -out cy.der 2>&1", 0, "*"},  // a re-issue for the same key
     {kPass + " install --overwrite cy.der", 0, "installed the certificate\n"},
     {"![ \"$(c --store root --passin $P show cy@x | grep serial:)\" = \"serial: $(openssl x509 "

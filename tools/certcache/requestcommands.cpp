@@ -22,37 +22,36 @@ namespace {
 
 namespace fs = boost::filesystem;
 
-// The --out file of a request, opened before the request is made so that an
-// unwritable path fails before any key exists, and removed again when the
-// request is not made and the file was new.
+// The --out file of a request. It is opened before the request is made, so
+// that an unwritable path fails before any key exists, but emptied only when
+// the request is there to be written: a request the cache refuses must not
+// cost the file that went to the authority. A file that was new goes again.
 class RequestOutput {
  public:
   explicit RequestOutput(const std::string& path) : path_(path) {
     boost::system::error_code error;
     existed_ = fs::exists(fs::symlink_status(path, error));
-    stream_.open(path, std::ios::binary | std::ios::trunc);
-    if (!stream_) {
+    std::ofstream probe(path, std::ios::binary | std::ios::app);
+    if (!probe) {
       throw ToolError(kExitIoError, "cannot write " + path + ": " + std::strerror(errno));
     }
   }
   ~RequestOutput() {
-    if (done_) return;
-    stream_.close();
-    if (!existed_) std::remove(path_.c_str());
+    if (!done_ && !existed_) std::remove(path_.c_str());
   }
   RequestOutput(const RequestOutput&) = delete;
   RequestOutput& operator=(const RequestOutput&) = delete;
 
   void write(const std::string& text) {
-    stream_ << text;
-    stream_.close();
-    if (!stream_) throw ToolError(kExitIoError, "cannot write " + path_);
+    std::ofstream stream(path_, std::ios::binary | std::ios::trunc);
+    stream << text;
+    stream.close();
+    if (!stream) throw ToolError(kExitIoError, "cannot write " + path_);
     done_ = true;
   }
 
  private:
   std::string path_;
-  std::ofstream stream_;
   bool existed_ = false;
   bool done_ = false;
 };
