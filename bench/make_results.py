@@ -95,12 +95,15 @@ peers = [("BotanStore", "Botan 2 in-memory store"), ("BotanLoop", "Botan 2 loop 
 table(["cache against"] + PAIR_HEADER[1:],
       pair_rows([("Peer/%s/%d" % (p, n), "%s, N = %d" % (label, n)) for n in sizes for p, label in peers]))
 
-section("Peak resident memory", "Processes over the store of %d, one opening a key-holding cache." % large)
+section("Peak resident memory", "Processes over the store of %d: one opening a key-holding cache, one doing the rest alike, and the tool listing it." % large)
 rss, none, rows = fields(read("rss-cache.txt")), fields(read("rss-none.txt")), []
 if rss and none:
     entries, peak, base = int(rss["entries"]), int(rss["peak_kib"]), int(rss["baseline_kib"])
     rows = [("with the cache", entries, "%.1f MiB" % (peak / 1024), "%.0f bytes" % ((peak - base) * 1024 / entries)),
             ("without", 0, "%.1f MiB" % (int(none["peak_kib"]) / 1024), "")]
+    listing = fields(read("rss-list.txt"))
+    if listing:
+        rows.append(("`certcache list`", entries, "%.1f MiB" % (int(listing["peak_kib"]) / 1024), ""))
 table(["process", "entries", "peak resident", "added by the cache, per entry"], rows)
 
 def syscalls(side):  # calls by name, and "total", from strace -c

@@ -22,7 +22,7 @@ size_list=$(IFS=,; echo "${sizes[*]}")
 largest=${sizes[${#sizes[@]}-1]}
 smallest=${sizes[0]}
 
-scripts/setup.sh libbenchmark-dev libbotan-2-dev libgnutls28-dev valgrind strace python3 linux-perf
+scripts/setup.sh libbenchmark-dev libbotan-2-dev libgnutls28-dev valgrind strace python3 linux-perf time
 
 build=build-bench
 stores=$build/stores
@@ -75,6 +75,9 @@ created=user/created_at_bench.example
 root="$stores/store-$largest"
 "$probe" rss cache "$root" > "$results/rss-cache.txt"
 "$probe" rss none "$root" > "$results/rss-none.txt"
+# And of the tool listing it.
+/usr/bin/time -o "$results/rss-list.txt" -f "peak_kib=%M" \
+  "$build"/tools/certcache/certcache --store "$root" list > /dev/null
 
 # User and system CPU time of one opening, with the cache and the bare loop, each
 # in a process of its own.

@@ -58,32 +58,55 @@ step certcache list --long
 section "2. A certificate request; its key waits in the store as a .tpk file"
 step certcache --passin env:CERT_PW request --email bob@example.org --out bob.csr
 step ls "$CERTCACHE_STORE/user"
+echo "(A retry is refused: a new key would replace the one bob.csr was made for.)"
+step_expecting 2 certcache --passin env:CERT_PW request --email bob@example.org --out bob.csr
+step certcache list --pending
 
 section "3. The openssl tool signs it, as an authority would"
 step openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout ca.key -out ca.crt \
   -subj "/CN=Demo Authority" -days 365
 step openssl x509 -req -in bob.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days 60 -out bob.crt
 
-section "4. Install the signed certificate: the pending key becomes its key"
-step certcache install bob.crt
+section "4. A certificate for another key is refused; the request stays pending"
+step openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout other.key \
+  -subj /emailAddress=bob@example.org -out other.csr
+step openssl x509 -req -in other.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days 60 -out other.crt
+step_expecting 65 certcache --passin env:CERT_PW install other.crt
+step certcache list --pending
+
+section "5. Install the signed certificate with its chain: the pending key becomes its key"
+echo "(The authority's certificate in the bundle is named and left out.)"
+step sh -c 'cat bob.crt ca.crt >bob-chain.pem'
+step certcache --passin env:CERT_PW install bob-chain.pem
 step ls "$CERTCACHE_STORE/user"
 step certcache list --long
 
-section "5. Show it, with its key (password) and as JSON (certificate alone)"
+section "6. Show it, with its key (password) and as JSON (certificate alone)"
 step certcache --passin env:CERT_PW show bob@example.org
 step certcache --json show alice@example.org
 step certcache files bob_at_example.org
 
-section "6. What expires within 90 days (exit 20 when something is due)"
+section "7. What expires within 90 days (exit 20 when something is due)"
 step_expecting 20 certcache expiring --days 90
 
-section "7. Rename the files of a certificate, and remove another"
+section "8. A renewal: a new key waits beside the working pair until the new certificate comes"
+step certcache --passin env:CERT_PW renew bob@example.org --out bob-renewal.csr
+step certcache list --pending
+step openssl x509 -req -in bob-renewal.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days 90 \
+  -out bob-renewal.crt
+echo "(Installing it replaces a working pair, which takes --overwrite.)"
+step_expecting 2 certcache --passin env:CERT_PW install bob-renewal.crt
+step certcache --passin env:CERT_PW install --overwrite bob-renewal.crt
+step certcache --passin env:CERT_PW show bob@example.org
+step certcache list --pending
+
+section "9. Rename the files of a certificate, and remove another"
 step certcache rename bob_at_example.org bob-2026
 step certcache list --long
 step certcache remove alice@example.org
 step certcache list --long
 
-section "8. An abandoned request, cancelled"
+section "10. An abandoned request, cancelled"
 step certcache --passin env:CERT_PW request --email carol@example.org --subject carol-laptop \
   --out carol.csr
 step ls "$CERTCACHE_STORE/user"

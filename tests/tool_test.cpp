@@ -78,23 +78,45 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "*"},
     {"--passin file:pw request --email cy@x --out cy.csr", 0,
      "wrote the certificate request for cy@x to cy.csr\n"},
+    {"--passin file:pw request --email cy@x --out cy.csr", 2, "pending since"},  // a retry
     {"!openssl req -verify -noout -text -in cy.csr 2>&1 | grep -o -e 'verify OK' -e 'Version: "
      "[0-9]*' -e 'Subject: .*' -e 'sha[0-9]*WithRSA' && [ \"$(openssl req -noout -modulus -in "
      "cy.csr)\" = \"$(openssl rsa -noout -modulus -passin $P -in root/user/cy_at_x.tpk)\" ]", 0,
      "verify OK\nVersion: 1\nSubject: emailAddress = cy@x\nsha1WithRSA\n"},
-    {kSign + "cy.csr -out cy.crt 2>&1", 0, "*"},
-    {"install", 0, "installed the certificate\n", "@cy.crt"},
+    {kSign + "cy.csr -out cy.crt 2>&1 && openssl x509 -text -in cy.crt >cy.txt", 0, "*"},
+    {"!openssl req -new -newkey rsa:1024 -nodes -keyout m.key -subj /emailAddress=cy@x -out m.csr "
+     "2>&1 && " + kSign.substr(1) + "m.csr -out m.crt 2>&1", 0, "*"},
+    {kPass + " install m.crt", 65, "not the key of the request pending for cy_at_x"},
+    {kPass + " install m.csr", 65, "holds a certificate request"},
+    {kPass + " install m.key", 65, "holds a private key"},
+    {"!{ cat pw && cat cy.txt; } | c --store root --passin stdin install", 0,
+     "installed the certificate\n"},
     {"!c --store root show cy@x | grep -x \"sha256: $(openssl x509 -noout -fingerprint -sha256 "
      "-in cy.crt | cut -d= -f2 | tr -d : | tr A-F a-f)\"", 0, "*"},
     {"--json " + kPass + " show cy@x", 0, "~.*\"issuer\": \"CN=CA\".*"},
-    {"install cy.crt", 2, "--overwrite"},
+    {kPass + " install cy.crt", 2, "--overwrite"},
+    {kPass + " request --email cy@x --out cy.csr", 2, "--overwrite"},  // cy.csr is kept
+    {kSign + "cy.csr -outform DER -out cy.der 2>&1", 0, "*"},  // a re-issue for the same key
+    {kPass + " install --overwrite cy.der", 0, "installed the certificate\n"},
+    {"![ \"$(c --store root --passin $P show cy@x | grep serial:)\" = \"serial: $(openssl x509 "
+     "-inform DER -in cy.der -noout -serial | cut -d= -f2)\" ] && c --store root --passin $P "
+     "renew cy@x --out cy2.csr && " + kSign.substr(1) + "cy2.csr -out cy2.crt >/dev/null 2>&1 && "
+     "cat ca.crt cy2.crt >cy2.pem", 0, "wrote the certificate request for cy@x to cy2.csr\n"},
+    {kPass + " renew cy@x", 2, "pending since"},
+    {"list --pending", 0, "~cy_at_x\t" + kTime + "\n"},
+    {"--json list --pending", 0, "~\\[\n  \\{\n    \"base_name\": \"cy_at_x\",\n    \"since\": "
+     "\"" + kTime + "\"\n  \\}\n\\]\n"},
+    {kPass + " install cy2.pem", 2, "--overwrite"},
+    {"!c --store root --passin $P install --overwrite cy2.pem 2>&1 && c --store root list "
+     "--pending", 0, "certcache: install: left out CN=CA: not the certificate installed\n"
+     "installed the certificate\n"},
     {"--passin fd:5 request --email d@x --no-temp-key 5<pw >d.csr", 0, ""},
     {kSign + "d.csr -out d.crt 2>&1", 0, "*"},
-    {"install", 10, "no pending request key", "@d.crt"},
+    {kPass + " install", 0, "installed the certificate\n", "@d.crt"},
     {"--passin stdin request --email e@x --subject laptop --out e.csr", 0, "*", kSecret + "\n"},
     {kSign + "e.csr -outform DER 2>/dev/null | base64 -w0 >e.b64", 0, ""},
-    {"install", 10, "no pending request key", "@e.b64"},
-    {"install --id laptop", 0, "*", "@e.b64"},
+    {kPass + " install", 10, "no pending request", "@e.b64"},
+    {kPass + " install --id laptop", 0, "*", "@e.b64"},
     {"!openssl req -new -newkey rsa:2048 -passout $P -subj /CN=T/emailAddress=t@x -keyout "
      "root/user/t.key -out t.req 2>&1 && openssl x509 -req -in t.req -signkey root/user/t.key "
      "-passin $P -outform DER -out root/user/t.crt 2>&1", 0, "*"},
@@ -102,12 +124,15 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {kPass + " request --email f@x", 0, "*"},
     {"cancel-request --email f@x", 0, "cancelled the pending request for f@x\n"},
     {"rename al_at_x al-2026", 0, "renamed al_at_x to al-2026\n"},
-    {"remove b@x", 0, "removed b@x\n"},
-    {"list --long", 0, "al@x\tal-2026\ncy@x\tcy_at_x\ne@x\tlaptop\nt@x\tt\n"},
+    {kPass + " self-signed --email o@x", 0, "*"}, {"rename o_at_x b_at_x", 2, "--overwrite"},
+    {"rename --overwrite o_at_x b_at_x", 0, "renamed o_at_x to b_at_x\n"},
+    {"remove o@x", 0, "removed o@x\n"},
+    {"list --long", 0, "al@x\tal-2026\ncy@x\tcy_at_x\nd@x\td_at_x\ne@x\tlaptop\nt@x\tt\n"},
     {"remove t@x", 0, "*"},
-    {"expiring", 20, "~cy@x\t" + kTime + "\tdue\ne@x\t" + kTime + "\tdue\n"},
+    {"expiring", 20, "~cy@x\t" + kTime + "\tdue\nd@x\t" + kTime + "\tdue\ne@x\t" + kTime +
+     "\tdue\n"},
     {"--json expiring --days 5", 0, "[]\n"},
-    {"--kind ca --no-keys install ca.crt", 0, "*"},
+    {"!cat cy.crt ca.crt | c --store root --kind ca --no-keys install", 0, "*"},
     {"--kind ca --no-keys list", 0, "CA\n"},
     {"--no-keys --json show laptop", 0, "~.*\"has_key\": false\n\\}\n"},
     {"--no-keys " + kPass + " request --email x@x", 9, "cannot do this"},
@@ -117,7 +142,13 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"--location root --location second --passin pass:wrong show al@x", 104, "is missing"},
     {"!CERTCACHE_STORE=root " CERTCACHE_BINARY " list >/dev/full", 74, "cannot write to stan"},
     {"!ln -s ../root io/certcache && export HOME=/nowhere XDG_DATA_HOME=io && c list", 0,
-     "al@x\ncy@x\ne@x\n"},
+     "al@x\ncy@x\nd@x\ne@x\n"},
+    {"!exec 9>root/.certcache.lock && flock -s 9 && CERTCACHE_LOCK_WAIT=0 c --store root list", 0,
+     "al@x\ncy@x\nd@x\ne@x\n"},
+    {"!exec 9>root/.certcache.lock && flock -s 9 && CERTCACHE_LOCK_WAIT=0 c --store root remove "
+     "al@x", 75, "store is busy"},
+    {"!exec 9>root/.certcache.lock && flock 9 && CERTCACHE_LOCK_WAIT=0 c --store root list", 75,
+     "store is busy"},
     {"--help", 0, "~.*Exit status.*"},
     // Bad input.
     {"list --passin=pass:" + kSecret, 64, "pass:(hidden)"}, {"show al@x " + kPass, 64, "hidden"},
@@ -136,8 +167,17 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"--passin file:pw-nul request --email b@x", 64, "NUL"}, {"--store io/in list", 74, "not a d"},
     {"--store io/in --passin pass:pw self-signed --email b@x", 74, "not a directory"},
     {"remove nobody@x", 4, "identifier"}, {"files nobody", 6, "does not exist"},
-    {"install none.crt", 66, "cannot read"}, {"cancel-request --email cy@x", 11, "pending"},
-    {"install", 1, "not a certificate", "-----BEGIN CERTIFICATE-----\nAA==\n"},
+    {"--passin pass:bad install cy.crt", 103, "cannot be read with this password"},
+    {kPass + " install none.crt", 66, "cannot read"}, {"cancel-request --email cy@x", 11, "pend"},
+    {kPass + " install", 65, "not a certificate", "-----BEGIN CERTIFICATE-----\nAA==\n"},
+    {kPass + " self-signed --email noatsign", 64, "address"},
+    {"--kind ca " + kPass + " self-signed --email ca@x", 64, "user certificates only"},
+    {kPass + " request --email a@b@x", 64, "address"}, {"cancel-request --email x@", 64, "address"},
+    {kPass + " request --email '@x'", 64, "address"}, {kPass + " request --email 'a b@x'", 64, "@"},
+    {kPass + " request --email \"$(printf 'a\\tb@x')\"", 64, "address"},
+    {"--store root/nowhere list", 66, "store root"}, {"--store root/nowhere expiring", 66, "root"},
+    {"--location root/nowhere list", 66, "the location root/nowhere does not exist"},
+    {"rename cy_at_x d_at_x", 2, "exists and would be replaced"},
     {"--passin pass:pw self-signed --email cy@x", 2, "--overwrite"},
   };  // clang-format on
   for (const Step& step : walk) {
@@ -168,6 +208,28 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     EXPECT_THAT(err_, has("wrong") ? M(HasSubstr(" warning src/")) : M(::testing::_));
     EXPECT_THAT(out_ + err_, Not(HasSubstr(kSecret))) << step.args;
   }
+}
+
+// Runs that change one store at once: six requests answered, installed and renamed onto one name,
+// and six requests for one address. Whatever interleaves, one rename and one request win, the
+// others are refused, nothing is lost and every certificate sits beside its own key.
+TEST_F(ToolTest, ConcurrentRunsLeaveEveryCertificateBesideItsOwnKey) {
+  EXPECT_EQ(
+      run("!openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout "
+          "ca.key -out ca.crt -subj /CN=CA 2>/dev/null && q() { c --store root --passin $P "
+          "\"$@\" >/dev/null 2>&1; echo \"$1 $?\"; } && sign() { openssl x509 -req -CA ca.crt "
+          "-CAkey ca.key -set_serial $2 -in $1.csr -out $1.crt 2>/dev/null; } && for i in 1 2 3 "
+          "4 5 6; do { q request --email p$i@x --out p$i.csr; sign p$i $i; q install p$i.crt; q "
+          "rename p${i}_at_x same; } & { q request --email s@x --out s$i.csr; sign s$i 1$i; q "
+          "install s$i.crt; } & done >io/tally; wait; sort io/tally | uniq -c | tr -s ' '; for "
+          "f in root/user/*.crt; do [ \"$(openssl x509 -noout -modulus -in $f)\" = \"$(openssl "
+          "rsa -noout -modulus -passin $P -in ${f%.crt}.key)\" ] && echo paired; done | uniq -c; "
+          "ls root/user | sed 's/.*[.]//' | sort | uniq -c"),
+      0);
+  EXPECT_EQ(out_,
+            " 7 install 0\n 5 install 66\n 1 rename 0\n 5 rename 2\n 7 request 0\n 5 request 2\n"
+            "      7 paired\n      7 crt\n      7 key\n")
+      << err_;
 }
 
 TEST_F(ToolTest, AsksTheTerminalWithoutEchoAndTwiceForANewKey) {

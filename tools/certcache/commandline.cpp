@@ -23,12 +23,17 @@ const char kFooter[] =
     "  certcache --store /tmp/store --json show alice@example.org\n"
     "  certcache --store /tmp/store --passin file:pw.txt request --email bob@example.org "
     "--out bob.csr\n"
-    "  certcache --store /tmp/store install bob.crt\n"
+    "  certcache --store /tmp/store --passin file:pw.txt install bob.crt\n"
+    "  certcache --store /tmp/store --passin file:pw.txt renew bob@example.org --out bob2.csr\n"
     "  certcache --store /tmp/store expiring --days 60 || echo 'something is due'\n"
     "\n"
-    "Exit status: 0 done; 1-13 the cache's result code; 20 expiring found something; "
-    "64 usage error; 66 input or password source unreadable; 74 other failure; "
-    "100-104 lookup failures (100: no such identifier).";
+    "Exit status: 0 done; 1-13 the cache's result code (2: exists, add --overwrite); "
+    "20 expiring found something; 64 usage error; 65 the input is not what the command "
+    "needs (a certificate for another key, a request given to install); 66 an input, "
+    "password source, store root or location is missing or unreadable; 74 other failure; "
+    "75 the store is busy (locked by another run for 10 seconds, or $CERTCACHE_LOCK_WAIT); "
+    "100-104 lookup failures (100: no such identifier, 103: the key does not open with "
+    "the password).";
 
 void addGlobalOptions(CLI::App& app, Invocation& invocation) {
   app.add_option("--store", invocation.store.root,
@@ -80,6 +85,9 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   CLI::App* list = app.add_subcommand("list", "The identifiers, one a line");
   list->add_flag("--long", invocation.longList,
                  "Each with its file base name: ID<TAB>BASENAME, e.g. list --long");
+  list->add_flag("--pending", invocation.pendingList,
+                 "The requests waiting for a certificate instead: BASENAME<TAB>SINCE, e.g. "
+                 "list --pending");
 
   CLI::App* show = app.add_subcommand(
       "show", "One certificate; with --passin its key is read too, e.g. show alice@example.org");
@@ -100,11 +108,24 @@ void addCommands(CLI::App& app, Invocation& invocation) {
       "request", "Make a new key and a certificate request; the key waits until install");
   addEmailOptions(*request, invocation, "to request a certificate for");
   request->add_flag("--overwrite", invocation.overwrite,
-                    "Go on even though a key of that name exists, e.g. --overwrite");
+                    "Go on even though a key of that name exists or a request is pending, "
+                    "replacing the pending key, e.g. --overwrite");
   request->add_flag("--no-temp-key", invocation.noTempKey,
                     "Store the key as the final key at once instead of a pending one, "
                     "e.g. --no-temp-key");
   request
+      ->add_option("--out", invocation.outFile,
+                   "Write the request's PEM to FILE instead of stdout, e.g. --out alice.csr")
+      ->type_name("FILE");
+
+  CLI::App* renew = app.add_subcommand(
+      "renew",
+      "A request with a new key for an installed certificate, under its base name; "
+      "the installed pair keeps working until install --overwrite replaces both");
+  renew->add_option("ID", invocation.id, "The identifier, e.g. alice@example.org")->required();
+  renew->add_flag("--overwrite", invocation.overwrite,
+                  "Replace the key of a request that is already pending, e.g. --overwrite");
+  renew
       ->add_option("--out", invocation.outFile,
                    "Write the request's PEM to FILE instead of stdout, e.g. --out alice.csr")
       ->type_name("FILE");
@@ -114,20 +135,25 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   addEmailOptions(*cancel, invocation, "that the request was made for");
 
   CLI::App* install = app.add_subcommand(
-      "install", "Install a signed certificate (PEM or base64) from FILE or stdin");
+      "install",
+      "Install a signed certificate from FILE or stdin (PEM with text around it, a PEM "
+      "bundle, DER or base64) beside its key; a key-holding store needs the password, and "
+      "a certificate for another key is refused");
   install
       ->add_option("--id", invocation.id,
                    "Name the files after this (the --subject of the request) instead of the "
                    "certificate's identifier, e.g. --id laptop")
       ->type_name("ID");
   install->add_flag("--overwrite", invocation.overwrite,
-                    "Replace an existing certificate file, e.g. --overwrite");
+                    "Replace an installed certificate (a renewal, a re-issue), e.g. --overwrite");
   install->add_option("FILE", invocation.inputFile, "The certificate file, e.g. alice.crt");
 
   CLI::App* rename = app.add_subcommand(
       "rename", "Rename a certificate's files, e.g. rename alice_at_x alice-old");
   rename->add_option("BASENAME", invocation.baseName, "The current file base name")->required();
   rename->add_option("NEWBASENAME", invocation.newBaseName, "The new file base name")->required();
+  rename->add_flag("--overwrite", invocation.overwrite,
+                   "Replace files of NEWBASENAME that exist, e.g. --overwrite");
 
   CLI::App* remove = app.add_subcommand(
       "remove", "Delete a certificate and its key, e.g. remove alice@example.org");

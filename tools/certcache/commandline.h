@@ -22,12 +22,13 @@ struct Invocation {
 
   // The commands' options and arguments; each command reads its own.
   bool longList = false;
-  std::string id;           // show, remove, install --id
-  std::string baseName;     // files, rename
-  std::string newBaseName;  // rename
+  bool pendingList = false;  // list --pending
+  std::string id;            // show, renew, remove, install --id
+  std::string baseName;      // files, rename
+  std::string newBaseName;   // rename
   std::string email;
   std::string subject;
-  std::string outFile;    // request --out
+  std::string outFile;    // request --out, renew --out
   std::string inputFile;  // install FILE; empty: standard input
   bool overwrite = false;
   bool noTempKey = false;

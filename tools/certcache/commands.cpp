@@ -1,33 +1,25 @@
 #include "commands.h"
 
-#include <boost/filesystem/operations.hpp>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <ctime>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <memory>
 
 #include "base/certificate.h"
 #include "base/filename.h"
 #include "certificatedescription.h"
+#include "installcommand.h"
 #include "output.h"
 #include "passwordsource.h"
+#include "requestcommands.h"
 #include "resultwords.h"
+#include "safeguards.h"
+#include "storefiles.h"
 #include "toolerror.h"
 
 namespace tavik {
 namespace cli {
 
 namespace {
-
-namespace fs = boost::filesystem;
-
-// No certificate comes near this; the library refuses larger text anyway, so
-// reading stops here rather than taking in an endless stream.
-constexpr std::size_t kMaxCertificateBytes = std::size_t{1024} * 1024;
 
 // The cache uses base names as they stand, so one taken from a person must not
 // leave the cache directory.
@@ -38,6 +30,8 @@ void checkBaseName(const std::string& baseName) {
                                     "or .., and hold no / or NUL");
   }
 }
+
+}  // namespace
 
 void failOnResult(int result, const std::string& what) {
   if (result != CertFileCache::kDone) throw ToolError(result, what + ": " + describeResult(result));
@@ -63,39 +57,27 @@ std::shared_ptr<Certificate> readCertificateAlone(const CertFileCache& cache, co
   return certificate;
 }
 
-std::string readInput(const std::string& file) {
-  std::ifstream stream;
-  std::istream* in = &std::cin;
-  const std::string name = file.empty() ? std::string("standard input") : file;
-  if (!file.empty()) {
-    stream.open(file, std::ios::binary);
-    if (!stream) {
-      throw ToolError(kExitNoInput, "cannot read " + file + ": " + std::strerror(errno));
-    }
-    in = &stream;
-  }
-  std::string text(kMaxCertificateBytes + 1, '\0');
-  in->read(&text[0], static_cast<std::streamsize>(text.size()));
-  if (in->bad()) throw ToolError(kExitNoInput, "cannot read " + name);
-  text.resize(static_cast<std::size_t>(in->gcount()));
-  return text;
-}
+namespace {
 
 int listCommand(const Invocation& invocation, std::ostream& out) {
-  StoreSession session(invocation.store, false);
+  StoreSession session(invocation.store, StoreAccess::kRead);
+  if (invocation.pendingList) {
+    printPending(out, pendingRequests(session.directory()), invocation.json);
+    return kExitOk;
+  }
   std::vector<std::string> ids;
   session.cache().listIds(ids);
-  std::vector<ListEntry> entries;
-  entries.reserve(ids.size());
-  for (const std::string& id : ids) entries.push_back({id, session.cache().getFileBaseName(id)});
-  printList(out, entries, invocation.longList, invocation.json);
+  const CertFileCache& cache = session.cache();
+  printList(
+      out, ids, [&cache](const std::string& id) { return cache.getFileBaseName(id); },
+      invocation.longList, invocation.json);
   return kExitOk;
 }
 
 int showCommand(const Invocation& invocation, std::ostream& out) {
   const bool withPassword = !invocation.passin.empty();
   const std::string password = withPassword ? readPassword(invocation.passin, false) : "";
-  StoreSession session(invocation.store, false);
+  StoreSession session(invocation.store, StoreAccess::kRead);
 
   ShowRecord record;
   record.id = invocation.id;
@@ -118,7 +100,7 @@ int showCommand(const Invocation& invocation, std::ostream& out) {
 
 int filesCommand(const Invocation& invocation, std::ostream& out) {
   checkBaseName(invocation.baseName);
-  StoreSession session(invocation.store, false);
+  StoreSession session(invocation.store, StoreAccess::kRead);
   std::string keyFile;
   std::string certFile;
   failOnResult(session.cache().getFileInfo(invocation.baseName, keyFile, certFile),
@@ -128,8 +110,14 @@ int filesCommand(const Invocation& invocation, std::ostream& out) {
 }
 
 int selfSignedCommand(const Invocation& invocation, std::ostream& out) {
+  checkEmailAddress(invocation.email);
+  if (invocation.store.authorities) {
+    throw ToolError(
+        kExitUsage,
+        "self-signed makes user certificates only, which a --kind ca store never lists");
+  }
   const std::string password = readPassword(invocation.passin, true);
-  StoreSession session(invocation.store, true);
+  StoreSession session(invocation.store, StoreAccess::kCreate);
   const int flags = invocation.overwrite ? CertFileCache::overwriteExisting : 0;
   failOnResult(session.cache().createSelfSignedKeyPair(invocation.subject, invocation.email,
                                                        password, flags),
@@ -138,90 +126,20 @@ int selfSignedCommand(const Invocation& invocation, std::ostream& out) {
   return kExitOk;
 }
 
-// The --out file of a request, opened before the request is made so that an
-// unwritable path fails before any key exists, and removed again when the
-// request is not made and the file was new.
-class RequestOutput {
- public:
-  explicit RequestOutput(const std::string& path) : path_(path) {
-    boost::system::error_code error;
-    existed_ = fs::exists(fs::symlink_status(path, error));
-    stream_.open(path, std::ios::binary | std::ios::trunc);
-    if (!stream_) {
-      throw ToolError(kExitIoError, "cannot write " + path + ": " + std::strerror(errno));
-    }
-  }
-  ~RequestOutput() {
-    if (done_) return;
-    stream_.close();
-    if (!existed_) std::remove(path_.c_str());
-  }
-  RequestOutput(const RequestOutput&) = delete;
-  RequestOutput& operator=(const RequestOutput&) = delete;
-
-  void write(const std::string& text) {
-    stream_ << text;
-    stream_.close();
-    if (!stream_) throw ToolError(kExitIoError, "cannot write " + path_);
-    done_ = true;
-  }
-
- private:
-  std::string path_;
-  std::ofstream stream_;
-  bool existed_ = false;
-  bool done_ = false;
-};
-
-int requestCommand(const Invocation& invocation, std::ostream& out) {
-  const std::string password = readPassword(invocation.passin, true);
-  std::unique_ptr<RequestOutput> file;
-  if (!invocation.outFile.empty()) file = std::make_unique<RequestOutput>(invocation.outFile);
-  StoreSession session(invocation.store, true);
-
-  int flags = invocation.overwrite ? CertFileCache::overwriteExisting : 0;
-  if (invocation.noTempKey) flags |= CertFileCache::skipTemporaryKey;
-  std::string csr;
-  failOnResult(
-      session.cache().createCsr(invocation.subject, invocation.email, password, flags, csr),
-      "no request made for '" + invocation.email + "'");
-  if (!file) {
-    out << csr;
-    return kExitOk;
-  }
-  file->write(csr);
-  out << "wrote the certificate request for " << invocation.email << " to " << invocation.outFile
-      << '\n';
-  return kExitOk;
-}
-
 int cancelRequestCommand(const Invocation& invocation, std::ostream& out) {
-  StoreSession session(invocation.store, false);
+  checkEmailAddress(invocation.email);
+  StoreSession session(invocation.store, StoreAccess::kChange);
   failOnResult(session.cache().cleanupCsr(invocation.subject, invocation.email),
                "no request cancelled for '" + invocation.email + "'");
   out << "cancelled the pending request for " << invocation.email << '\n';
   return kExitOk;
 }
 
-int installCommand(const Invocation& invocation, std::ostream& out) {
-  const std::string text = readInput(invocation.inputFile);
-  // Checked here, not only by the cache, so that the person hears which of the
-  // cache's failures it was, and nothing is made on disk for it.
-  if (!Certificate::createFromBase64(text)) {
-    throw ToolError(CertFileCache::kFailed,
-                    "the input is not a certificate (PEM or base64 of one was expected)");
-  }
-  StoreSession session(invocation.store, true);
-  failOnResult(session.cache().saveCert(invocation.id, text, invocation.overwrite),
-               "the certificate was not installed");
-  out << "installed the certificate\n";
-  return kExitOk;
-}
-
 int renameCommand(const Invocation& invocation, std::ostream& out) {
   checkBaseName(invocation.baseName);
   checkBaseName(invocation.newBaseName);
-  StoreSession session(invocation.store, false);
+  StoreSession session(invocation.store, StoreAccess::kChange);
+  if (!invocation.overwrite) refuseExistingFiles(session.directory(), invocation.newBaseName);
   failOnResult(session.cache().renameCert(invocation.baseName, invocation.newBaseName),
                "'" + invocation.baseName + "' was not renamed");
   out << "renamed " << invocation.baseName << " to " << invocation.newBaseName << '\n';
@@ -229,7 +147,7 @@ int renameCommand(const Invocation& invocation, std::ostream& out) {
 }
 
 int removeCommand(const Invocation& invocation, std::ostream& out) {
-  StoreSession session(invocation.store, false);
+  StoreSession session(invocation.store, StoreAccess::kChange);
   failOnResult(session.cache().removeCert(invocation.id),
                "'" + invocation.id + "' was not removed");
   out << "removed " << invocation.id << '\n';
@@ -237,7 +155,7 @@ int removeCommand(const Invocation& invocation, std::ostream& out) {
 }
 
 int expiringCommand(const Invocation& invocation, std::ostream& out) {
-  StoreSession session(invocation.store, false);
+  StoreSession session(invocation.store, StoreAccess::kRead);
   const std::time_t now = std::time(nullptr);
   const std::time_t cutoff = now + static_cast<std::time_t>(invocation.days) * 24 * 60 * 60;
 
@@ -275,6 +193,7 @@ int runCommand(const Invocation& invocation, std::ostream& out) {
   if (command == "files") return filesCommand(invocation, out);
   if (command == "self-signed") return selfSignedCommand(invocation, out);
   if (command == "request") return requestCommand(invocation, out);
+  if (command == "renew") return renewCommand(invocation, out);
   if (command == "cancel-request") return cancelRequestCommand(invocation, out);
   if (command == "install") return installCommand(invocation, out);
   if (command == "rename") return renameCommand(invocation, out);

@@ -19,22 +19,24 @@ const char* boolText(bool value) { return value ? "true" : "false"; }
 
 }  // namespace
 
-void printList(std::ostream& out, const std::vector<ListEntry>& entries, bool longForm, bool json) {
+void printList(std::ostream& out, const std::vector<std::string>& ids,
+               const std::function<std::string(const std::string&)>& baseNameOf, bool longForm,
+               bool json) {
   if (json) {
     Json array = Json::array();
-    for (const ListEntry& entry : entries) {
+    for (const std::string& id : ids) {
       if (longForm) {
-        array.push_back({{"id", entry.id}, {"base_name", entry.baseName}});
+        array.push_back({{"id", id}, {"base_name", baseNameOf(id)}});
       } else {
-        array.push_back(entry.id);
+        array.push_back(id);
       }
     }
     writeJson(out, array);
     return;
   }
-  for (const ListEntry& entry : entries) {
-    out << entry.id;
-    if (longForm) out << '\t' << entry.baseName;
+  for (const std::string& id : ids) {
+    out << id;
+    if (longForm) out << '\t' << baseNameOf(id);
     out << '\n';
   }
 }
@@ -92,6 +94,20 @@ void printExpiring(std::ostream& out, const std::vector<ExpiringEntry>& entries,
   for (const ExpiringEntry& entry : entries) {
     out << entry.id << '\t' << entry.notAfter << '\t' << (entry.expired ? "expired" : "due")
         << '\n';
+  }
+}
+
+void printPending(std::ostream& out, const std::vector<PendingRequest>& requests, bool json) {
+  if (json) {
+    Json array = Json::array();
+    for (const PendingRequest& request : requests) {
+      array.push_back({{"base_name", request.baseName}, {"since", formatTime(request.since)}});
+    }
+    writeJson(out, array);
+    return;
+  }
+  for (const PendingRequest& request : requests) {
+    out << request.baseName << '\t' << formatTime(request.since) << '\n';
   }
 }
 

@@ -3,23 +3,23 @@
 #ifndef TAVIK_TOOLS_CERTCACHE_OUTPUT_H_
 #define TAVIK_TOOLS_CERTCACHE_OUTPUT_H_
 
+#include <functional>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "certificatedescription.h"
+#include "storefiles.h"
 
 namespace tavik {
 namespace cli {
 
-struct ListEntry {
-  std::string id;
-  std::string baseName;
-};
-
 // Identifiers one a line, or with `longForm` ID<TAB>BASENAME; JSON: an array of
-// identifiers, or of {"id", "base_name"} objects.
-void printList(std::ostream& out, const std::vector<ListEntry>& entries, bool longForm, bool json);
+// identifiers, or of {"id", "base_name"} objects. Base names are asked for one
+// at a time, so that a large store's listing holds no second copy of it.
+void printList(std::ostream& out, const std::vector<std::string>& ids,
+               const std::function<std::string(const std::string&)>& baseNameOf, bool longForm,
+               bool json);
 
 struct ShowRecord {
   std::string id;
@@ -44,6 +44,10 @@ struct ExpiringEntry {
 
 // Lines ID<TAB>NOT_AFTER<TAB>expired|due; JSON: an array of {"id", "not_after", "expired"}.
 void printExpiring(std::ostream& out, const std::vector<ExpiringEntry>& entries, bool json);
+
+// Lines BASENAME<TAB>SINCE (the time as 2026-01-31T12:00:00Z); JSON: an array of
+// {"base_name", "since"}.
+void printPending(std::ostream& out, const std::vector<PendingRequest>& requests, bool json);
 
 }  // namespace cli
 }  // namespace tavik

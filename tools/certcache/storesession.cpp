@@ -29,6 +29,14 @@ void checkRoot(const std::string& root) {
   }
 }
 
+// Only commands that create may find nothing where the store should be.
+void checkExists(const std::string& directory, const char* what) {
+  boost::system::error_code error;
+  if (!fs::exists(fs::status(directory, error))) {
+    throw ToolError(kExitNoInput, std::string(what) + " " + directory + " does not exist");
+  }
+}
+
 void makeDirectory(const fs::path& directory) {
   boost::system::error_code error;
   fs::create_directories(directory, error);
@@ -55,7 +63,7 @@ std::string defaultStoreRoot() {
   return data + "/certcache";
 }
 
-StoreSession::StoreSession(const StoreOptions& options, bool createDirectories)
+StoreSession::StoreSession(const StoreOptions& options, StoreAccess access)
     : withKeys_(options.withKeys) {
   const std::string root = options.root.empty() ? defaultStoreRoot() : options.root;
   std::vector<std::string> locations = options.locations;
@@ -67,10 +75,21 @@ StoreSession::StoreSession(const StoreOptions& options, bool createDirectories)
     filter_ = boost::make_shared<UserCertificateFilter>();
   }
   checkRoot(root);
-  if (createDirectories) makeDirectory(cacheDirectory(root, filter_->subdirectory()));
+  if (access == StoreAccess::kCreate) {
+    makeDirectory(cacheDirectory(root, filter_->subdirectory()));
+  } else {
+    checkExists(root, "the store root");
+    for (const std::string& location : options.locations) checkExists(location, "the location");
+  }
+  lock_ = std::make_unique<StoreLock>(
+      root, access == StoreAccess::kRead ? StoreLock::Mode::kShared : StoreLock::Mode::kExclusive);
 
   store_ = std::make_unique<CertificateStore>(root, std::move(locations));
   cache_ = std::make_unique<CertFileCache>(*store_, filter_, options.withKeys);
+}
+
+std::string StoreSession::directory() const {
+  return cacheDirectory(store_->getRoot(), filter_->subdirectory()).string();
 }
 
 }  // namespace cli

@@ -10,6 +10,7 @@
 #include "base/certificatefilter.h"
 #include "base/certificatestore.h"
 #include "crypto/certificatefilecache.h"
+#include "storelock.h"
 
 namespace tavik {
 namespace cli {
@@ -26,21 +27,30 @@ struct StoreOptions {
 // none of these variables is set.
 std::string defaultStoreRoot();
 
+// What a command does with the store: reads it (a shared lock), changes what
+// is there (an exclusive lock), or may create it (the same, and the root and
+// the filter's subdirectory are made when missing).
+enum class StoreAccess { kRead, kChange, kCreate };
+
 class StoreSession {
  public:
-  // Checks the root (a root that exists but is no directory is a ToolError 74)
-  // and, with `createDirectories`, makes the root and the filter's
-  // subdirectory in it when they are missing (the cache itself makes no
-  // directories). Then builds the cache, which scans the store.
-  StoreSession(const StoreOptions& options, bool createDirectories);
+  // Checks the root (a root that exists but is no directory is a ToolError 74).
+  // Unless `access` creates, a missing root or --location is a ToolError 66: a
+  // mistyped path must not read as an empty store. Then locks the store and
+  // builds the cache, which scans it.
+  StoreSession(const StoreOptions& options, StoreAccess access);
   StoreSession(const StoreSession&) = delete;
   StoreSession& operator=(const StoreSession&) = delete;
 
   CertFileCache& cache() { return *cache_; }
+  CertificateFilter& filter() { return *filter_; }
   const std::string& root() const { return store_->getRoot(); }
+  // The root's cache directory, where everything is created, renamed and removed.
+  std::string directory() const;
   bool withKeys() const { return withKeys_; }
 
  private:
+  std::unique_ptr<StoreLock> lock_;  // held until the cache is gone
   std::unique_ptr<CertificateStore> store_;
   boost::shared_ptr<CertificateFilter> filter_;
   std::unique_ptr<CertFileCache> cache_;

@@ -17,9 +17,11 @@ enum ExitStatus : int {
   kExitOk = 0,
   kExitDue = 20,          // `expiring` found something expired or due
   kExitLookupBase = 100,  // 100 to 104: the lookup codes 1000100 to 1000104
-  kExitUsage = 64,        // the command line, a base name or a password was not usable
-  kExitNoInput = 66,      // an input file or password source could not be read
+  kExitUsage = 64,        // the command line, a base name, an address or a password was not usable
+  kExitDataError = 65,    // the input is not what the command needs
+  kExitNoInput = 66,      // an input file, password source, store root or location is missing
   kExitIoError = 74,      // the environment failed: the store root, the file system, output
+  kExitBusy = 75,         // another run held the store lock for longer than the tool waits
 };
 
 class ToolError : public std::runtime_error {

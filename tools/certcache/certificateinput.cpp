@@ -1,0 +1,154 @@
+#include "certificateinput.h"
+
+#include <openssl/err.h>
+#include <openssl/pem.h>
+#include <openssl/pkcs12.h>
+#include <openssl/pkcs7.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "base/opensslutil.h"
+#include "toolerror.h"
+
+namespace tavik {
+namespace cli {
+
+namespace {
+
+const char kPemStart[] = "-----BEGIN ";
+const char kPkcs7[] = "PKCS#7 data (openssl pkcs7 -print_certs takes certificates out of it)";
+
+[[noreturn]] void notACertificate(const std::string& what) {
+  throw ToolError(kExitDataError, "the input is not a certificate: " + what);
+}
+
+// True when `der` is exactly one object of the type that `Decode` reads.
+template <typename T, T* (*Decode)(T**, const unsigned char**, long), void (*Free)(T*)>
+bool decodesWhole(const std::string& der) {
+  const auto* start = reinterpret_cast<const unsigned char*>(der.data());
+  const unsigned char* next = start;
+  OpenSSLPtr<T, Free> object(Decode(nullptr, &next, static_cast<long>(der.size())));
+  ERR_clear_error();
+  return object != nullptr && next == start + der.size();
+}
+
+std::string encodeBase64(const std::string& bytes) {
+  std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+  const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&text[0]),
+                                     reinterpret_cast<const unsigned char*>(bytes.data()),
+                                     static_cast<int>(bytes.size()));
+  text.resize(static_cast<std::size_t>(std::max(length, 0)));
+  return text;
+}
+
+// Bare base64, line breaks and surrounding white space allowed; false when
+// `text` is not that.
+bool decodeBase64(const std::string& text, std::string& bytes) {
+  std::string compact;
+  for (const char c : text) {
+    if (std::isspace(static_cast<unsigned char>(c)) == 0) compact.push_back(c);
+  }
+  if (compact.empty() || compact.size() % 4 != 0) return false;
+  bytes.assign(compact.size() / 4 * 3, '\0');
+  const int length = EVP_DecodeBlock(reinterpret_cast<unsigned char*>(&bytes[0]),
+                                     reinterpret_cast<const unsigned char*>(compact.data()),
+                                     static_cast<int>(compact.size()));
+  if (length < 0) return false;
+  const std::size_t padding = compact.size() - compact.find_last_not_of('=') - 1;
+  if (padding > 2) return false;
+  bytes.resize(static_cast<std::size_t>(length) - padding);
+  return true;
+}
+
+// What a DER object that is no certificate is, in words.
+std::string describeDer(const std::string& der) {
+  if (decodesWhole<X509, d2i_X509, X509_free>(der)) return "a certificate this tool cannot read";
+  if (decodesWhole<X509_REQ, d2i_X509_REQ, X509_REQ_free>(der)) return "a certificate request";
+  if (decodesWhole<X509_CRL, d2i_X509_CRL, X509_CRL_free>(der)) return "a revocation list";
+  if (decodesWhole<PKCS7, d2i_PKCS7, PKCS7_free>(der)) return kPkcs7;
+  if (decodesWhole<PKCS12, d2i_PKCS12, PKCS12_free>(der)) return "a PKCS#12 file";
+  if (decodesWhole<X509_SIG, d2i_X509_SIG, X509_SIG_free>(der)) return "an encrypted private key";
+  if (decodesWhole<EVP_PKEY, d2i_AutoPrivateKey, EVP_PKEY_free>(der)) return "a private key";
+  if (decodesWhole<EVP_PKEY, d2i_PUBKEY, EVP_PKEY_free>(der)) return "a public key";
+  return "neither PEM nor DER of anything known, nor base64 of it";
+}
+
+// What a PEM block that is no certificate is, by its label.
+std::string describePemLabel(const std::string& label) {
+  const auto endsWith = [&label](const std::string& tail) {
+    return label.size() >= tail.size() &&
+           label.compare(label.size() - tail.size(), tail.size(), tail) == 0;
+  };
+  if (endsWith("CERTIFICATE REQUEST")) return "a certificate request";
+  if (endsWith("PRIVATE KEY")) return "a private key";
+  if (endsWith("PUBLIC KEY")) return "a public key";
+  if (label == "X509 CRL") return "a revocation list";
+  if (label == "PKCS7") return kPkcs7;
+  return "a PEM block labelled " + label;
+}
+
+void addDer(const std::string& der, CertificateInput& input) {
+  std::shared_ptr<Certificate> certificate = Certificate::createFromBase64(encodeBase64(der));
+  if (certificate) {
+    input.certificates.push_back(std::move(certificate));
+  } else {
+    input.others.push_back(describeDer(der));
+  }
+}
+
+void readPemBlocks(const std::string& text, CertificateInput& input) {
+  BioPtr bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
+  if (!bio) throw ToolError(kExitIoError, "out of memory");
+  for (;;) {
+    char* name = nullptr;
+    char* header = nullptr;
+    unsigned char* data = nullptr;
+    long length = 0;
+    const int read = PEM_read_bio(bio.get(), &name, &header, &data, &length);
+    const OpenSSLCharsPtr ownedName(name), ownedHeader(header);
+    const OpenSSLBytesPtr ownedData(data);
+    if (read == 0) break;
+    const std::string label = name;
+    const std::string der(reinterpret_cast<const char*>(data), static_cast<std::size_t>(length));
+    if (label == "CERTIFICATE" || label == "X509 CERTIFICATE") {
+      addDer(der, input);
+    } else {
+      input.others.push_back(describePemLabel(label));
+    }
+  }
+  // The end of the text reads as "no start line"; anything else is a block
+  // that began and did not end well.
+  const unsigned long error = ERR_peek_last_error();
+  ERR_clear_error();
+  if (ERR_GET_LIB(error) != ERR_LIB_PEM || ERR_GET_REASON(error) != PEM_R_NO_START_LINE) {
+    notACertificate("it holds a PEM block that is broken or cut short");
+  }
+}
+
+}  // namespace
+
+CertificateInput readCertificateInput(const std::string& bytes) {
+  CertificateInput input;
+  if (bytes.find_first_not_of(" \t\r\n") == std::string::npos) notACertificate("it is empty");
+  std::string der;
+  if (bytes.find(kPemStart) != std::string::npos) {
+    readPemBlocks(bytes, input);
+  } else if (decodeBase64(bytes, der)) {
+    addDer(der, input);
+  } else {
+    addDer(bytes, input);
+  }
+  if (input.certificates.empty()) {
+    std::string held;
+    for (const std::string& other : input.others) held += (held.empty() ? "" : ", ") + other;
+    notACertificate(held.empty() ? "it holds no PEM block that can be read" : "it holds " + held);
+  }
+  return input;
+}
+
+std::string base64Of(const Certificate& certificate) { return encodeBase64(certificate.der()); }
+
+}  // namespace cli
+}  // namespace tavik
