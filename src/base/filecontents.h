@@ -12,7 +12,7 @@ namespace tavik {
 constexpr std::size_t kMaxCredentialFileSize = 1024 * 1024;
 
 // Reads the whole regular file at `path` into `contents` and returns true.
-// Returns false, with `contents` unspecified, when the path cannot be opened,
+// Returns false, with `contents` holding anything, when the path cannot be opened,
 // is not a regular file (a FIFO or device is never read, so it cannot block),
 // or holds more than `limit` bytes; a larger file is not read whole. `mode`,
 // when given, receives the file's permission bits.

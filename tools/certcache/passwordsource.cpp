@@ -21,7 +21,7 @@ namespace {
 // goes on past this is not a password file.
 constexpr std::size_t kMaxPasswordBytes = std::size_t{64} * 1024;
 
-const char kSpecForms[] = "pass:TEXT, env:VAR, file:PATH, fd:N or stdin";
+const char kSourceForms[] = "pass:TEXT, env:VAR, file:PATH, fd:N or stdin";
 
 // Reads one line from `fd`, a byte at a time so that nothing after the line is
 // consumed (the rest of standard input may still be wanted). `what` names the
@@ -102,7 +102,7 @@ std::string ask(const char* prompt) {
 std::string prompt(bool confirm) {
   if (!::isatty(STDIN_FILENO)) {
     throw ToolError(kExitUsage, std::string("this command needs a password: give --passin (") +
-                                    kSpecForms + ")");
+                                    kSourceForms + ")");
   }
   std::string password = ask("Password: ");
   if (confirm && ask("Password again: ") != password) {
@@ -118,7 +118,7 @@ bool startsWith(const std::string& text, const char* prefix, std::string& rest) 
   return true;
 }
 
-std::string readFromSpec(const std::string& passinSource, bool confirm) {
+std::string readFromSource(const std::string& passinSource, bool confirm) {
   std::string rest;
   if (passinSource.empty()) return prompt(confirm);
   if (startsWith(passinSource, "pass:", rest)) return rest;
@@ -134,13 +134,13 @@ std::string readFromSpec(const std::string& passinSource, bool confirm) {
   if (passinSource == "stdin") return readLine(STDIN_FILENO, "standard input");
   // The passinSource itself is not repeated: a mistyped "pass:" would put the password
   // on the screen.
-  throw ToolError(kExitUsage, std::string("--passin takes ") + kSpecForms);
+  throw ToolError(kExitUsage, std::string("--passin takes ") + kSourceForms);
 }
 
 }  // namespace
 
 std::string readPassword(const std::string& passinSource, bool confirm) {
-  std::string password = readFromSpec(passinSource, confirm);
+  std::string password = readFromSource(passinSource, confirm);
   if (password.find('\0') != std::string::npos) {
     throw ToolError(kExitUsage, "the password holds a NUL byte, which cannot be used");
   }
