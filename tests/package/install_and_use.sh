@@ -11,7 +11,8 @@ diff <(awk '/^<!-- examples\/embed_example.cpp -->$/ { marked = 1; next } marked
             inside && /^```$/ { exit } inside { print }' "$2/README.md") "$2/examples/embed_example.cpp"
 cmake --install "$1" --prefix "$prefix" >/dev/null
 for file in bin/certcache include/tavik/crypto/certificatefilecache.h include/tavik/log/log.h \
-            lib/cmake/tavik_certcache/tavik_certcacheConfig.cmake; do
+            lib/cmake/tavik_certcache/tavik_certcacheConfig.cmake share/man/man1/certcache.1 \
+            share/bash-completion/completions/certcache; do
   [ -e "$prefix/$file" ] || { echo "not installed: $file"; exit 1; }
 done
 for file in derreader.h certificatelayout.h filecontents.h filedescriptor.h pem.h pemfile.h; do

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
+#include <iterator>
 
 #include "toolerror.h"
 
@@ -13,29 +14,59 @@ namespace {
 
 const char kDescription[] =
     "Keeps X.509 certificates and their password-protected RSA keys as PEM files in a "
-    "certificate store: lists and shows them, makes self-signed pairs and certificate "
-    "requests, installs signed certificates, renames and removes them.";
+    "certificate store: lists, shows, checks and verifies them, makes self-signed pairs and "
+    "certificate requests, installs signed certificates, moves credentials in and out as "
+    "PKCS#12, renames and removes them.";
 
-const char kFooter[] =
+const char kExitStatuses[] =
+    "Exit status:\n"
+    "  0        done\n"
+    "  1-13     the cache's result code (2: a file exists, add --overwrite; 10: no pending\n"
+    "           request for the certificate; 12: the password is empty)\n"
+    "  20       expiring or check found something\n"
+    "  64       usage error, a needed password that was not given included\n"
+    "  65       the input is not what the command needs (a certificate for another key,\n"
+    "           a request given to install, a chain that does not verify)\n"
+    "  66       an input file, password source, store root or location is missing or\n"
+    "           unreadable\n"
+    "  74       any other failure of the environment\n"
+    "  75       the store is busy (locked by another run for 10 seconds, or\n"
+    "           $CERTCACHE_LOCK_WAIT seconds)\n"
+    "  100-104  the lookup failed (100: no such identifier; 103: the key does not open with\n"
+    "           the password; 104: the key file is missing)\n";
+
+const char kExamples[] =
     "Examples:\n"
-    "  certcache --store /tmp/store --passin env:PW self-signed --email alice@example.org\n"
-    "  certcache --store /tmp/store list --long\n"
-    "  certcache --store /tmp/store --json show alice@example.org\n"
-    "  certcache --store /tmp/store --passin file:pw.txt request --email bob@example.org "
+    "  $ certcache --store /tmp/store --passin env:PW self-signed --email alice@example.org\n"
+    "  $ certcache --store /tmp/store list --long\n"
+    "  $ certcache --store /tmp/store --passin file:pw.txt request --email bob@example.org "
     "--out bob.csr\n"
-    "  certcache --store /tmp/store --passin file:pw.txt install bob.crt\n"
-    "  certcache --store /tmp/store --passin file:pw.txt renew bob@example.org --out bob2.csr\n"
-    "  certcache --store /tmp/store expiring --days 60 || echo 'something is due'\n"
+    "  $ certcache --store /tmp/store --passin file:pw.txt install bob.crt\n"
+    "  $ certcache --store /tmp/store check --days 60 || mail -s 'certificates' root\n"
+    "  $ certcache --store /tmp/store --passin env:PW export bob@example.org --out bob.p12\n"
     "\n"
-    "Exit status: 0 done; 1-13 the cache's result code (2: exists, add --overwrite); "
-    "20 expiring found something; 64 usage error; 65 the input is not what the command "
-    "needs (a certificate for another key, a request given to install); 66 an input, "
-    "password source, store root or location is missing or unreadable; 74 other failure; "
-    "75 the store is busy (locked by another run for 10 seconds, or $CERTCACHE_LOCK_WAIT); "
-    "100-104 lookup failures (100: no such identifier, 103: the key does not open with "
-    "the password).";
+    "Options may stand before or after the command; certcache COMMAND --help tells one "
+    "command.\n"
+    "\n";
+
+// A command's own help page: what it is for, its options, one example, and
+// where the global options are told.
+void describeCommand(CLI::App& command, const std::string& example) {
+  command.footer("Example:\n  $ certcache " + example +
+                 "\n\nThe global options (--store, --passin, --json, --log, ...) may stand "
+                 "before or after the command: see certcache --help.\n\n" +
+                 kExitStatuses);
+}
+
+// CLI11's own membership check prints its set after the type name; the type
+// name already says it.
+CLI::Validator oneOf(std::vector<std::string> names) {
+  return CLI::IsMember(std::move(names)).description("");
+}
 
 void addGlobalOptions(CLI::App& app, Invocation& invocation) {
+  app.set_version_flag("--version", "certcache " TAVIK_CERTCACHE_VERSION,
+                       "Print \"certcache VERSION\" and exit");
   app.add_option("--store", invocation.store.root,
                  "The store's root directory, e.g. --store /var/lib/myapp/certs. Default: "
                  "$CERTCACHE_STORE, else ${XDG_DATA_HOME:-$HOME/.local/share}/certcache")
@@ -52,7 +83,7 @@ void addGlobalOptions(CLI::App& app, Invocation& invocation) {
          "Which certificates: user (end entities with an e-mail address, in user/) or ca "
          "(authorities, in ca/), e.g. --kind ca. Default: user")
       ->type_name("user|ca")
-      ->check(CLI::IsMember({"user", "ca"}));
+      ->check(oneOf({"user", "ca"}));
   app.add_flag_callback(
       "--no-keys", [&invocation]() { invocation.store.withKeys = false; },
       "A cache of certificates alone, listed by file base name, e.g. --no-keys list");
@@ -60,13 +91,19 @@ void addGlobalOptions(CLI::App& app, Invocation& invocation) {
                  "Where the password comes from: pass:TEXT, env:VAR, file:PATH (first line), "
                  "fd:N or stdin, e.g. --passin env:CERT_PW. Without it a terminal is asked")
       ->type_name("SOURCE");
+  app.add_option("--passout", invocation.passout,
+                 "The second password of export (the PKCS#12 file's) and import (the stored "
+                 "key's), in the forms of --passin. Default: the --passin password")
+      ->type_name("SOURCE");
   app.add_option("--log", invocation.logLevel,
-                 "The library's log statements on stderr from this level up: "
-                 "off|error|warning|info|debug|trace, e.g. --log debug. Default: warning")
+                 "Log lines on stderr from this level up: off|error|warning|info|debug|trace, "
+                 "e.g. --log debug; from debug on with time and source line. Default: error")
       ->type_name("LEVEL")
-      ->check(CLI::IsMember({"off", "error", "warning", "info", "debug", "trace"}));
+      ->check(oneOf({"off", "error", "warning", "info", "debug", "trace"}));
+  app.add_flag("-v,--verbose", invocation.verbosity,
+               "One log level more per use: -v warning, -vv info, -vvv debug");
   app.add_flag("--json", invocation.json,
-               "Machine-readable output for list, show, files and expiring, e.g. --json list");
+               "Machine-readable output for list, show, files, expiring, check and verify");
 }
 
 void addEmailOptions(CLI::App& command, Invocation& invocation, const char* verb) {
@@ -81,58 +118,67 @@ void addEmailOptions(CLI::App& command, Invocation& invocation, const char* verb
       ->type_name("S");
 }
 
+void addIdArgument(CLI::App& command, Invocation& invocation) {
+  command.add_option("ID", invocation.id, "The identifier, e.g. alice@example.org")->required();
+}
+
+void addOutOption(CLI::App& command, Invocation& invocation, const char* what) {
+  command
+      .add_option("--out", invocation.outFile,
+                  std::string("Write ") + what + " to FILE, e.g. --out alice." +
+                      (command.get_name() == "export" ? "p12" : "csr"))
+      ->type_name("FILE");
+}
+
 void addCommands(CLI::App& app, Invocation& invocation) {
   CLI::App* list = app.add_subcommand("list", "The identifiers, one a line");
-  list->add_flag("--long", invocation.longList,
-                 "Each with its file base name: ID<TAB>BASENAME, e.g. list --long");
+  list->add_flag("--long", invocation.longList, "Each with its file base name: ID<TAB>BASENAME");
   list->add_flag("--pending", invocation.pendingList,
-                 "The requests waiting for a certificate instead: BASENAME<TAB>SINCE, e.g. "
-                 "list --pending");
+                 "The requests waiting for a certificate instead: BASENAME<TAB>SINCE");
+  describeCommand(*list, "--store /tmp/store list --long");
 
-  CLI::App* show = app.add_subcommand(
-      "show", "One certificate; with --passin its key is read too, e.g. show alice@example.org");
-  show->add_option("ID", invocation.id, "The identifier, e.g. alice@example.org")->required();
+  CLI::App* show = app.add_subcommand("show", "One certificate; with --passin its key is read too");
+  addIdArgument(*show, invocation);
+  describeCommand(*show, "--store /tmp/store --json show alice@example.org");
 
-  CLI::App* files = app.add_subcommand(
-      "files", "The certificate and key file paths of a file base name, e.g. files alice_at_x");
+  CLI::App* files =
+      app.add_subcommand("files", "The certificate and key file paths of a file base name");
   files->add_option("BASENAME", invocation.baseName, "The file base name, e.g. alice_at_x")
       ->required();
+  describeCommand(*files, "--store /tmp/store files alice_at_example.org");
 
   CLI::App* selfSigned = app.add_subcommand(
       "self-signed", "Make a new key and a self-signed certificate for an e-mail address");
   addEmailOptions(*selfSigned, invocation, "of the certificate");
   selfSigned->add_flag("--overwrite", invocation.overwrite,
-                       "Replace an existing key and certificate, e.g. --overwrite");
+                       "Replace an existing key and certificate");
+  describeCommand(*selfSigned, "--passin env:PW self-signed --email alice@example.org");
 
   CLI::App* request = app.add_subcommand(
       "request", "Make a new key and a certificate request; the key waits until install");
   addEmailOptions(*request, invocation, "to request a certificate for");
   request->add_flag("--overwrite", invocation.overwrite,
                     "Go on even though a key of that name exists or a request is pending, "
-                    "replacing the pending key, e.g. --overwrite");
+                    "replacing the pending key");
   request->add_flag("--no-temp-key", invocation.noTempKey,
-                    "Store the key as the final key at once instead of a pending one, "
-                    "e.g. --no-temp-key");
-  request
-      ->add_option("--out", invocation.outFile,
-                   "Write the request's PEM to FILE instead of stdout, e.g. --out alice.csr")
-      ->type_name("FILE");
+                    "Store the key as the final key at once instead of a pending one");
+  addOutOption(*request, invocation, "the request's PEM instead of stdout");
+  describeCommand(*request, "--passin file:pw.txt request --email bob@example.org --out bob.csr");
 
   CLI::App* renew = app.add_subcommand(
       "renew",
       "A request with a new key for an installed certificate, under its base name; "
       "the installed pair keeps working until install --overwrite replaces both");
-  renew->add_option("ID", invocation.id, "The identifier, e.g. alice@example.org")->required();
+  addIdArgument(*renew, invocation);
   renew->add_flag("--overwrite", invocation.overwrite,
-                  "Replace the key of a request that is already pending, e.g. --overwrite");
-  renew
-      ->add_option("--out", invocation.outFile,
-                   "Write the request's PEM to FILE instead of stdout, e.g. --out alice.csr")
-      ->type_name("FILE");
+                  "Replace the key of a request that is already pending");
+  addOutOption(*renew, invocation, "the request's PEM instead of stdout");
+  describeCommand(*renew, "--passin file:pw.txt renew bob@example.org --out bob-2027.csr");
 
   CLI::App* cancel =
       app.add_subcommand("cancel-request", "Delete the pending key of an abandoned request");
   addEmailOptions(*cancel, invocation, "that the request was made for");
+  describeCommand(*cancel, "cancel-request --email bob@example.org");
 
   CLI::App* install = app.add_subcommand(
       "install",
@@ -145,27 +191,68 @@ void addCommands(CLI::App& app, Invocation& invocation) {
                    "certificate's identifier, e.g. --id laptop")
       ->type_name("ID");
   install->add_flag("--overwrite", invocation.overwrite,
-                    "Replace an installed certificate (a renewal, a re-issue), e.g. --overwrite");
+                    "Replace an installed certificate (a renewal, a re-issue)");
   install->add_option("FILE", invocation.inputFile, "The certificate file, e.g. alice.crt");
+  describeCommand(*install, "--passin file:pw.txt install bob.crt");
 
-  CLI::App* rename = app.add_subcommand(
-      "rename", "Rename a certificate's files, e.g. rename alice_at_x alice-old");
+  CLI::App* rename = app.add_subcommand("rename", "Rename a certificate's files");
   rename->add_option("BASENAME", invocation.baseName, "The current file base name")->required();
   rename->add_option("NEWBASENAME", invocation.newBaseName, "The new file base name")->required();
-  rename->add_flag("--overwrite", invocation.overwrite,
-                   "Replace files of NEWBASENAME that exist, e.g. --overwrite");
+  rename->add_flag("--overwrite", invocation.overwrite, "Replace files of NEWBASENAME that exist");
+  describeCommand(*rename, "rename alice_at_example.org alice-2026");
 
-  CLI::App* remove = app.add_subcommand(
-      "remove", "Delete a certificate and its key, e.g. remove alice@example.org");
-  remove->add_option("ID", invocation.id, "The identifier, e.g. alice@example.org")->required();
+  CLI::App* remove = app.add_subcommand("remove", "Delete a certificate and its key");
+  addIdArgument(*remove, invocation);
+  describeCommand(*remove, "remove alice@example.org");
 
   CLI::App* expiring = app.add_subcommand(
       "expiring", "What has expired or expires within N days; exit 20 when there is any");
-  expiring
-      ->add_option("--days", invocation.days,
-                   "The window in days from now, e.g. --days 60. Default: 30")
-      ->type_name("N")
-      ->check(CLI::Range(0, 100000));
+  CLI::App* check = app.add_subcommand(
+      "check",
+      "What needs a person: keys without certificate, certificates without key, stale "
+      "requests, key files others may read, files the scan refuses, expired and due "
+      "certificates, and with --passin keys that are not their certificate's; exit 20 when "
+      "anything is found");
+  for (CLI::App* command : {expiring, check}) {
+    command
+        ->add_option("--days", invocation.days,
+                     "The window in days from now (and the age of a stale request), e.g. "
+                     "--days 60. Default: 30")
+        ->type_name("N")
+        ->check(CLI::Range(0, 100000).description(""));
+  }
+  describeCommand(*expiring, "expiring --days 60 || echo 'something is due'");
+  describeCommand(*check, "--passin env:PW check --days 14 || echo 'the store needs a look'");
+
+  CLI::App* verify = app.add_subcommand(
+      "verify", "Whether a certificate chains to an authority in FILE (PEM); exit 65 if not");
+  addIdArgument(*verify, invocation);
+  verify->add_option("--ca", invocation.caFile, "The authorities' certificates, e.g. --ca ca.pem")
+      ->type_name("FILE")
+      ->required();
+  describeCommand(*verify, "verify alice@example.org --ca /etc/ssl/certs/ca-certificates.crt");
+
+  CLI::App* exportCommand = app.add_subcommand(
+      "export",
+      "A certificate and its key as a PKCS#12 file (AES-256, PBKDF2 and a SHA-256 MAC) for "
+      "browsers and mail clients; --passin opens the key, --passout protects the file");
+  addIdArgument(*exportCommand, invocation);
+  addOutOption(*exportCommand, invocation, "the PKCS#12 file");
+  exportCommand->get_option("--out")->required();
+  describeCommand(*exportCommand,
+                  "--passin env:PW --passout env:P12PW export alice@example.org --out a.p12");
+
+  CLI::App* import = app.add_subcommand(
+      "import",
+      "A certificate and its key from a PKCS#12 file; --passin opens the file, --passout "
+      "protects the stored key");
+  import->add_option("FILE", invocation.inputFile, "The PKCS#12 file, e.g. alice.p12")->required();
+  import
+      ->add_option("--id", invocation.id,
+                   "Name the files after this instead of the certificate's identifier")
+      ->type_name("ID");
+  import->add_flag("--overwrite", invocation.overwrite, "Replace a pair that is installed");
+  describeCommand(*import, "--passin file:p12pw.txt --passout env:PW import alice.p12");
 }
 
 // CLI11's messages are one line already; this keeps it so whatever they hold.
@@ -174,16 +261,17 @@ std::string oneLine(std::string text) {
   return text;
 }
 
-// CLI11 repeats arguments it did not expect, and a misplaced "--passin
-// pass:TEXT" would put the password on the screen: every pass: argument of the
-// command line is hidden in the message.
+// CLI11 repeats arguments it did not expect, and a misplaced "pass:TEXT" would
+// put a password on the screen: every pass: argument of the command line is
+// hidden in the message.
 std::string hidePasswords(std::string message, int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    const std::size_t at = arg.find("pass:");
-    if (at == std::string::npos || (at != 0 && arg.compare(0, at, "--passin=") != 0)) continue;
-    const std::string secret = arg.substr(at);
-    if (secret.size() == 5) continue;
+    std::string secret = argv[i];
+    const std::size_t equals = secret.find('=');
+    if (secret.compare(0, 2, "--") == 0 && equals != std::string::npos) {
+      secret.erase(0, equals + 1);  // --passin=pass:TEXT, --passout=pass:TEXT
+    }
+    if (secret.compare(0, 5, "pass:") != 0 || secret.size() == 5) continue;
     for (std::size_t found = message.find(secret); found != std::string::npos;
          found = message.find(secret, found)) {
       message.replace(found, secret.size(), "pass:(hidden)");
@@ -192,19 +280,28 @@ std::string hidePasswords(std::string message, int argc, char** argv) {
   return message;
 }
 
+// --log names the level; each -v raises it by one.
+std::string raisedLevel(const std::string& level, int steps) {
+  static const char* const kLevels[] = {"off", "error", "warning", "info", "debug", "trace"};
+  const int count = static_cast<int>(std::size(kLevels));
+  const int at = static_cast<int>(std::find(kLevels, kLevels + count, level) - kLevels);
+  return kLevels[std::min(at + steps, count - 1)];
+}
+
 }  // namespace
 
 int parseCommandLine(int argc, char** argv, Invocation& invocation) {
   CLI::App app(kDescription, "certcache");
-  app.footer(kFooter);
+  app.footer(std::string(kExamples) + kExitStatuses);
   app.require_subcommand(1);
+  app.fallthrough();  // options of the tool also after the command
   addGlobalOptions(app, invocation);
   addCommands(app, invocation);
 
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) return app.exit(error);  // --help
+    if (error.get_exit_code() == 0) return app.exit(error);  // --help, --version
     std::string message = oneLine(error.what());
     // A mistyped command is left over as an argument, and CLI11 reports only
     // that no command came; name the word that was not one.
@@ -216,6 +313,7 @@ int parseCommandLine(int argc, char** argv, Invocation& invocation) {
     return kExitUsage;
   }
   invocation.command = app.get_subcommands().front()->get_name();
+  invocation.logLevel = raisedLevel(invocation.logLevel, invocation.verbosity);
   return -1;
 }
 

@@ -14,8 +14,10 @@ namespace cli {
 struct Invocation {
   // Global options.
   StoreOptions store;
-  std::string passin;  // the --passin source; empty when none was given
-  std::string logLevel = "warning";
+  std::string passin;   // the --passin source; empty when none was given
+  std::string passout;  // the --passout source, for export and import; empty: as --passin
+  std::string logLevel = "error";  // after -v: off, error, warning, info, debug or trace
+  int verbosity = 0;               // -v given this many times
   bool json = false;
 
   std::string command;  // list, show, files, self-signed, ...
@@ -28,16 +30,18 @@ struct Invocation {
   std::string newBaseName;   // rename
   std::string email;
   std::string subject;
-  std::string outFile;    // request --out, renew --out
-  std::string inputFile;  // install FILE; empty: standard input
+  std::string outFile;    // request --out, renew --out, export --out
+  std::string inputFile;  // install FILE (empty: standard input), import FILE
+  std::string caFile;     // verify --ca
   bool overwrite = false;
   bool noTempKey = false;
   int days = 30;
 };
 
-// Parses the command line into `invocation`. Returns -1 when the command is
-// to run; otherwise the status to exit with: 0 after printing help, 64 after a
-// usage error, whose one line it has printed on standard error.
+// Parses the command line into `invocation`; options may stand before or after
+// the command. Returns -1 when the command is to run; otherwise the status to
+// exit with: 0 after printing help or the version, 64 after a usage error,
+// whose one line it has printed on standard error.
 int parseCommandLine(int argc, char** argv, Invocation& invocation);
 
 }  // namespace cli

@@ -7,9 +7,11 @@
 #include "base/certificate.h"
 #include "base/filename.h"
 #include "certificatedescription.h"
+#include "inspectcommands.h"
 #include "installcommand.h"
 #include "output.h"
 #include "passwordsource.h"
+#include "pkcs12commands.h"
 #include "requestcommands.h"
 #include "resultwords.h"
 #include "safeguards.h"
@@ -199,6 +201,10 @@ int runCommand(const Invocation& invocation, std::ostream& out) {
   if (command == "rename") return renameCommand(invocation, out);
   if (command == "remove") return removeCommand(invocation, out);
   if (command == "expiring") return expiringCommand(invocation, out);
+  if (command == "check") return checkCommand(invocation, out);
+  if (command == "verify") return verifyCommand(invocation, out);
+  if (command == "export") return exportCommand(invocation, out);
+  if (command == "import") return importCommand(invocation, out);
   throw ToolError(kExitUsage, "unknown command '" + command + "'");
 }
 

@@ -77,8 +77,9 @@ void replaceBesideInstalledKey(StoreSession& session, const InstallTarget& targe
       !session.cache().renameFile(baseName, kNewCertExtension, baseName, kCertExtension, false)) {
     boost::system::error_code ignored;
     boost::filesystem::remove(newFile, ignored);
-    throw ToolError(CertFileCache::kFailed,
-                    "the certificate was not installed (run with --log error for the reason)");
+    throw ToolError(
+        CertFileCache::kFailed,
+        "the certificate was not installed (the error logged before this line says why)");
   }
 }
 

@@ -16,6 +16,8 @@ namespace {
 using tavik::LogMask;
 
 // The library's statements go to stderr from `level` up; "off" silences them.
+// Down to info a line is the tool's own, "certcache: LEVEL: MESSAGE"; from
+// debug on it carries the time and the source line, for whoever reads code.
 void setUpLogging(const std::string& level) {
   if (level == "off") {
     tavik::LogFacility::setUp(false);
@@ -26,7 +28,14 @@ void setUpLogging(const std::string& level) {
   if (level == "info" || level == "debug" || level == "trace") levels |= LogMask::info;
   if (level == "debug" || level == "trace") levels |= LogMask::debug;
   if (level == "trace") levels |= LogMask::trace;
-  tavik::LogFacility::setSink(nullptr);
+  if ((levels & LogMask::debug) != 0u) {
+    tavik::LogFacility::setSink(nullptr);
+  } else {
+    tavik::LogFacility::setSink([](const tavik::LogRecord& record) {
+      std::cerr << "certcache: " << tavik::LogFacility::levelName(record.level) << ": "
+                << record.message << '\n';
+    });
+  }
   tavik::LogFacility::setLevels(levels);
   tavik::LogFacility::setUp(true);
 }

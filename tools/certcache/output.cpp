@@ -111,5 +111,30 @@ void printPending(std::ostream& out, const std::vector<PendingRequest>& requests
   }
 }
 
+void printFindings(std::ostream& out, const std::vector<Finding>& findings, bool json) {
+  if (json) {
+    Json array = Json::array();
+    for (const Finding& finding : findings) {
+      array.push_back({{"kind", finding.kind}, {"path", finding.path}, {"what", finding.what}});
+    }
+    writeJson(out, array);
+    return;
+  }
+  for (const Finding& finding : findings) {
+    out << finding.kind << '\t' << finding.path << '\t' << finding.what << '\n';
+  }
+}
+
+void printVerification(std::ostream& out, const std::string& id, const std::string& reason,
+                       bool json) {
+  if (json) {
+    writeJson(out, Json{{"id", id},
+                        {"ok", reason.empty()},
+                        {"reason", reason.empty() ? Json(nullptr) : Json(reason)}});
+    return;
+  }
+  out << id << (reason.empty() ? ": OK" : ": FAILED: " + reason) << '\n';
+}
+
 }  // namespace cli
 }  // namespace tavik

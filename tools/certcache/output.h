@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "certificatedescription.h"
+#include "storecheck.h"
 #include "storefiles.h"
 
 namespace tavik {
@@ -48,6 +49,14 @@ void printExpiring(std::ostream& out, const std::vector<ExpiringEntry>& entries,
 // Lines BASENAME<TAB>SINCE (the time as 2026-01-31T12:00:00Z); JSON: an array of
 // {"base_name", "since"}.
 void printPending(std::ostream& out, const std::vector<PendingRequest>& requests, bool json);
+
+// Lines KIND<TAB>PATH<TAB>WHAT; JSON: an array of {"kind", "path", "what"}.
+void printFindings(std::ostream& out, const std::vector<Finding>& findings, bool json);
+
+// "ID: OK", or "ID: FAILED: REASON" when `reason` is not empty; JSON:
+// {"id", "ok", "reason"} with a null reason when it verified.
+void printVerification(std::ostream& out, const std::string& id, const std::string& reason,
+                       bool json);
 
 }  // namespace cli
 }  // namespace tavik

@@ -9,7 +9,7 @@ namespace cli {
 std::string describeResult(int result) {
   switch (result) {
     case CertFileCache::kFailed:
-      return "the operation failed (run with --log error for the reason)";
+      return "the operation failed (the error logged before this line says why)";
     case CertFileCache::kExists:
       return "the file already exists (add --overwrite to replace it)";
     case CertFileCache::kEmptyBaseName:

@@ -1,5 +1,6 @@
 #include "storesession.h"
 
+#include <algorithm>
 #include <boost/filesystem/operations.hpp>
 #include <boost/make_shared.hpp>
 #include <cstdlib>
@@ -90,6 +91,19 @@ StoreSession::StoreSession(const StoreOptions& options, StoreAccess access)
 
 std::string StoreSession::directory() const {
   return cacheDirectory(store_->getRoot(), filter_->subdirectory()).string();
+}
+
+std::vector<std::string> StoreSession::directories() const {
+  std::vector<std::string> locations;
+  store_->getBaseLocations(locations);
+  std::vector<std::string> directories;
+  for (const std::string& location : locations) {
+    const std::string directory = cacheDirectory(location, filter_->subdirectory()).string();
+    if (std::find(directories.begin(), directories.end(), directory) == directories.end()) {
+      directories.push_back(directory);
+    }
+  }
+  return directories;
 }
 
 }  // namespace cli

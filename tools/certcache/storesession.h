@@ -47,6 +47,8 @@ class StoreSession {
   const std::string& root() const { return store_->getRoot(); }
   // The root's cache directory, where everything is created, renamed and removed.
   std::string directory() const;
+  // The cache directories of every location, in search order, each once.
+  std::vector<std::string> directories() const;
   bool withKeys() const { return withKeys_; }
 
  private:

@@ -15,7 +15,7 @@ namespace cli {
 // Exit statuses besides the cache's own result codes (1 to 13).
 enum ExitStatus : int {
   kExitOk = 0,
-  kExitDue = 20,          // `expiring` found something expired or due
+  kExitDue = 20,          // `expiring` or `check` found something
   kExitLookupBase = 100,  // 100 to 104: the lookup codes 1000100 to 1000104
   kExitUsage = 64,        // the command line, a base name, an address or a password was not usable
   kExitDataError = 65,    // the input is not what the command needs

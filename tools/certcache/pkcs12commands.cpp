@@ -1,0 +1,239 @@
+#include "pkcs12commands.h"
+
+#include <openssl/err.h>
+#include <openssl/pkcs12.h>
+
+#include <boost/filesystem/operations.hpp>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+
+#include "base/filecontents.h"
+#include "base/opensslutil.h"
+#include "certificateinput.h"
+#include "commands.h"
+#include "keyfile.h"
+#include "passwordsource.h"
+#include "resultwords.h"
+#include "storefiles.h"
+#include "toolerror.h"
+
+namespace tavik {
+namespace cli {
+
+namespace {
+
+namespace fs = boost::filesystem;
+
+using Pkcs12Ptr = OpenSSLPtr<PKCS12, PKCS12_free>;
+inline void freeCertificates(STACK_OF(X509) * certificates) {
+  sk_X509_pop_free(certificates, X509_free);
+}
+using CertificatesPtr = OpenSSLPtr<STACK_OF(X509), freeCertificates>;
+
+// PBKDF2 over SHA-256 for the bags and the MAC alike; ten times the least that
+// the file's readers are promised, which costs a fraction of a second.
+constexpr int kIterations = 100000;
+
+// Where a file is written before it is renamed into place; its extensions are
+// none that a scan of the store reads.
+const char kNewKeyExtension[] = ".key.new";
+const char kNewCertExtension[] = ".crt.new";
+
+void refuseKeylessStore(const Invocation& invocation) {
+  if (!invocation.store.withKeys) {
+    throw ToolError(kExitUsage,
+                    invocation.command + " moves keys, which a --no-keys store has not");
+  }
+}
+
+// The second password: the --passout source's, or the first one again. It
+// protects a key, so it may not be empty.
+std::string secondPassword(const Invocation& invocation, const std::string& first) {
+  const std::string second =
+      invocation.passout.empty() ? first : readPassword(invocation.passout, true);
+  if (second.empty()) {
+    throw ToolError(CertFileCache::kEmptyPassword, "the password that protects the key is empty");
+  }
+  return second;
+}
+
+Pkcs12Ptr makePkcs12(const std::string& name, X509* certificate, EVP_PKEY* key,
+                     const std::string& password) {
+  // No MAC at first: PKCS12_create would take SHA-1 for it.
+  Pkcs12Ptr container(PKCS12_create_ex(password.c_str(), name.c_str(), key, certificate, nullptr,
+                                       NID_aes_256_cbc, NID_aes_256_cbc, kIterations, -1, 0,
+                                       nullptr, nullptr));
+  if (!container || PKCS12_set_mac(container.get(), password.c_str(), -1, nullptr, 0, kIterations,
+                                   EVP_sha256()) != 1) {
+    ERR_clear_error();
+    throw ToolError(kExitIoError, "cannot make the PKCS#12 file");
+  }
+  return container;
+}
+
+// Writes `bytes` beside `path` and renames them over it, so that the file is
+// whole or as it was; it is readable by its owner alone, as a key is.
+void replaceFile(const std::string& path, const std::string& bytes) {
+  std::string temporary = path + ".XXXXXX";
+  const int fd = ::mkstemp(&temporary[0]);
+  if (fd < 0) throw ToolError(kExitIoError, "cannot write beside " + path);
+  ::close(fd);
+  boost::system::error_code error;
+  if (writeWholeFile(temporary, bytes, 0600)) fs::rename(temporary, path, error);
+  if (!fs::exists(path, error) || fs::exists(temporary, error)) {
+    fs::remove(temporary, error);
+    throw ToolError(kExitIoError, "cannot write " + path);
+  }
+}
+
+std::string der(PKCS12* container) {
+  unsigned char* bytes = nullptr;
+  const int length = i2d_PKCS12(container, &bytes);
+  const OpenSSLBytesPtr owner(bytes);
+  if (length <= 0) {
+    ERR_clear_error();
+    throw ToolError(kExitIoError, "cannot encode the PKCS#12 file");
+  }
+  return std::string(reinterpret_cast<char*>(bytes), static_cast<std::size_t>(length));
+}
+
+struct Pkcs12Contents {
+  PkeyHandle key;
+  X509Ptr certificate;
+  CertificatesPtr authorities;
+};
+
+Pkcs12Contents readPkcs12(const std::string& path, const std::string& password) {
+  std::string bytes;
+  if (!readSmallRegularFile(path, kMaxCredentialFileSize, bytes)) {
+    throw ToolError(kExitNoInput, "cannot read " + path + " (or it is larger than 1 MiB)");
+  }
+  const unsigned char* at = reinterpret_cast<const unsigned char*>(bytes.data());
+  Pkcs12Ptr container(d2i_PKCS12(nullptr, &at, static_cast<long>(bytes.size())));
+  ERR_clear_error();
+  if (!container) throw ToolError(kExitDataError, path + " is not a PKCS#12 file");
+  // The MAC proves the file whole, and tells a wrong password from a file this
+  // OpenSSL cannot decrypt.
+  if (PKCS12_mac_present(container.get()) != 1) {
+    throw ToolError(kExitDataError, path + " has no MAC, so nothing proves it whole");
+  }
+  const char* pass = password.c_str();
+  if (PKCS12_verify_mac(container.get(), pass, -1) != 1 &&
+      (!password.empty() || PKCS12_verify_mac(container.get(), nullptr, 0) != 1)) {
+    ERR_clear_error();
+    throw ToolError(lookupExitStatus(CertFileCache::kKeyUnreadable),
+                    path + " cannot be read with this password");
+  }
+  EVP_PKEY* key = nullptr;
+  X509* certificate = nullptr;
+  STACK_OF(X509)* authorities = nullptr;
+  const int parsed = PKCS12_parse(container.get(), pass, &key, &certificate, &authorities);
+  ERR_clear_error();
+  Pkcs12Contents contents{PkeyHandle(key), X509Ptr(certificate), CertificatesPtr(authorities)};
+  if (parsed != 1) {
+    throw ToolError(kExitDataError, path +
+                                        " cannot be decrypted: it uses an algorithm this system "
+                                        "does not offer (openssl pkcs12 -legacy can convert it)");
+  }
+  if (!contents.key || !contents.certificate) {
+    throw ToolError(kExitDataError,
+                    path + " holds no " + (contents.key ? "certificate" : "private key"));
+  }
+  if (!isKeyOf(contents.certificate.get(), contents.key.get())) {
+    throw ToolError(kExitDataError, "the key in " + path + " is not its certificate's");
+  }
+  return contents;
+}
+
+// The store's view of an X509: what its filter and naming rule take.
+std::shared_ptr<Certificate> storeCertificate(X509* certificate) {
+  unsigned char* bytes = nullptr;
+  const int length = i2d_X509(certificate, &bytes);
+  const OpenSSLBytesPtr owner(bytes);
+  ERR_clear_error();
+  if (length <= 0) throw ToolError(kExitDataError, "the certificate cannot be encoded");
+  return readCertificateInput(
+             std::string(reinterpret_cast<char*>(bytes), static_cast<std::size_t>(length)))
+      .certificates.front();
+}
+
+// Writes certificate and key beside their final names and renames them into
+// place, the key first: the pair is only ever half replaced between the two
+// renames, and a failure before them leaves the store as it was.
+void writePair(StoreSession& session, const std::string& baseName, X509* certificate, EVP_PKEY* key,
+               const std::string& password) {
+  const std::string directory = session.directory();
+  const std::string newKey = storeFile(directory, baseName, kNewKeyExtension);
+  const std::string newCert = storeFile(directory, baseName, kNewCertExtension);
+  CertFileCache& cache = session.cache();
+  const bool written =
+      cache.writePrivateKey(newKey, password, key) == CertFileCache::kDone &&
+      cache.writeCert(newCert, certificate) == CertFileCache::kDone &&
+      cache.renameFile(baseName, kNewKeyExtension, baseName, kKeyExtension, false) &&
+      cache.renameFile(baseName, kNewCertExtension, baseName, kCertExtension, false);
+  if (!written) {
+    boost::system::error_code ignored;
+    fs::remove(newKey, ignored);
+    fs::remove(newCert, ignored);
+    throw ToolError(CertFileCache::kFailed, "the certificate and key were not imported");
+  }
+}
+
+}  // namespace
+
+int exportCommand(const Invocation& invocation, std::ostream& out) {
+  refuseKeylessStore(invocation);
+  const std::string password = readPassword(invocation.passin, false);
+  const std::string filePassword = secondPassword(invocation, password);
+  StoreSession session(invocation.store, StoreAccess::kRead);
+  int errorCode = CertFileCache::kFound;
+  const std::shared_ptr<Certificate> credential =
+      session.cache().getCertificate(invocation.id, password, errorCode, true);
+  if (!credential) {
+    throw ToolError(lookupExitStatus(errorCode), describeLookupError(errorCode, invocation.id));
+  }
+  const Pkcs12Ptr container =
+      makePkcs12(invocation.id, credential->getX509(), credential->getPrivateKey(), filePassword);
+  replaceFile(invocation.outFile, der(container.get()));
+  out << "wrote the certificate and key of " << invocation.id << " to " << invocation.outFile
+      << '\n';
+  return kExitOk;
+}
+
+int importCommand(const Invocation& invocation, std::ostream& out) {
+  refuseKeylessStore(invocation);
+  const std::string filePassword = readPassword(invocation.passin, false);
+  const std::string password = secondPassword(invocation, filePassword);
+  const Pkcs12Contents contents = readPkcs12(invocation.inputFile, filePassword);
+  StoreSession session(invocation.store, StoreAccess::kCreate);
+  const std::shared_ptr<Certificate> certificate = storeCertificate(contents.certificate.get());
+  if (!session.filter().acceptsCertificate(certificate)) {
+    throw ToolError(kExitDataError, "the certificate in " + invocation.inputFile +
+                                        " is not of the kind this store keeps in " +
+                                        session.filter().subdirectory() + "/");
+  }
+  const std::string baseName =
+      subjectToFilename(invocation.id, session.filter().certificateId(certificate));
+  if (baseName.empty()) {
+    throw ToolError(kExitDataError, "the certificate names nobody to call its files after");
+  }
+  const std::string directory = session.directory();
+  if (!invocation.overwrite && (entryExists(storeFile(directory, baseName, kKeyExtension)) ||
+                                entryExists(storeFile(directory, baseName, kCertExtension)))) {
+    throw ToolError(
+        CertFileCache::kExists,
+        baseName + " is installed (add --overwrite to replace its certificate and key)");
+  }
+  writePair(session, baseName, contents.certificate.get(), contents.key.get(), password);
+  const int authorities = contents.authorities ? sk_X509_num(contents.authorities.get()) : 0;
+  if (authorities > 0) {
+    std::cerr << "certcache: import: left out " << authorities
+              << " authority certificate(s): the store keeps one certificate a key\n";
+  }
+  out << "imported the certificate and key as " << baseName << '\n';
+  return kExitOk;
+}
+
+}  // namespace cli
+}  // namespace tavik
