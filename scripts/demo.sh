@@ -86,8 +86,11 @@ step certcache --passin env:CERT_PW show bob@example.org
 step certcache --json show alice@example.org
 step certcache files bob_at_example.org
 
-section "7. What expires within 90 days (exit 20 when something is due)"
+section "7. What expires within 90 days, and what else needs a look (exit 20 when anything does)"
 step_expecting 20 certcache expiring --days 90
+step_expecting 20 certcache --passin env:CERT_PW check --days 90
+step certcache verify bob@example.org --ca ca.crt
+step_expecting 65 certcache verify alice@example.org --ca ca.crt
 
 section "8. A renewal: a new key waits beside the working pair until the new certificate comes"
 step certcache --passin env:CERT_PW renew bob@example.org --out bob-renewal.csr
@@ -99,6 +102,13 @@ step_expecting 2 certcache --passin env:CERT_PW install bob-renewal.crt
 step certcache --passin env:CERT_PW install --overwrite bob-renewal.crt
 step certcache --passin env:CERT_PW show bob@example.org
 step certcache list --pending
+
+section "8b. To a browser and back: PKCS#12, read and written by the openssl tool too"
+step certcache --passin env:CERT_PW export bob@example.org --out bob.p12
+step openssl pkcs12 -info -noout -in bob.p12 -passin env:CERT_PW
+step openssl pkcs12 -export -in other.crt -inkey other.key -passout pass:browser -out other.p12
+step certcache --store "$work/laptop" --passin pass:browser --passout env:CERT_PW import other.p12
+step certcache --store "$work/laptop" --passin env:CERT_PW show bob@example.org
 
 section "9. Rename the files of a certificate, and remove another"
 step certcache rename bob_at_example.org bob-2026
