@@ -181,6 +181,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"--no-keys " + kPass + " export cy@x --out x.p12", 64, "--no-keys"},
     {"--passin pass:bad export cy@x --out x.p12", 103, "password"},
     {kPass + " export nobody@x --out x.p12", 100, "nobody"}, {kPass + " export cy@x", 64, "--out"},
+    {kPass + " export cy@x --out none/x.p12", 74, "cannot write beside none/x.p12"},
     {"!c --store other --passin pass:q --passout $P import --overwrite m.p12 2>&1 && c --store other "
      "verify cy@x --ca ca.crt", 0, "certcache: import: left out 1 authority certificate(s): the store "
      "keeps one certificate a key\nimported the certificate and key as cy_at_x\ncy@x: OK\n"},

@@ -122,12 +122,8 @@ void addIdArgument(CLI::App& command, Invocation& invocation) {
   command.add_option("ID", invocation.id, "The identifier, e.g. alice@example.org")->required();
 }
 
-void addOutOption(CLI::App& command, Invocation& invocation, const char* what) {
-  command
-      .add_option("--out", invocation.outFile,
-                  std::string("Write ") + what + " to FILE, e.g. --out alice." +
-                      (command.get_name() == "export" ? "p12" : "csr"))
-      ->type_name("FILE");
+CLI::Option* addOutOption(CLI::App& command, Invocation& invocation, const std::string& what) {
+  return command.add_option("--out", invocation.outFile, "Write " + what)->type_name("FILE");
 }
 
 void addCommands(CLI::App& app, Invocation& invocation) {
@@ -162,7 +158,7 @@ void addCommands(CLI::App& app, Invocation& invocation) {
                     "replacing the pending key");
   request->add_flag("--no-temp-key", invocation.noTempKey,
                     "Store the key as the final key at once instead of a pending one");
-  addOutOption(*request, invocation, "the request's PEM instead of stdout");
+  addOutOption(*request, invocation, "the request's PEM to FILE instead of stdout");
   describeCommand(*request, "--passin file:pw.txt request --email bob@example.org --out bob.csr");
 
   CLI::App* renew = app.add_subcommand(
@@ -172,7 +168,7 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   addIdArgument(*renew, invocation);
   renew->add_flag("--overwrite", invocation.overwrite,
                   "Replace the key of a request that is already pending");
-  addOutOption(*renew, invocation, "the request's PEM instead of stdout");
+  addOutOption(*renew, invocation, "the request's PEM to FILE instead of stdout");
   describeCommand(*renew, "--passin file:pw.txt renew bob@example.org --out bob-2027.csr");
 
   CLI::App* cancel =
@@ -237,8 +233,8 @@ void addCommands(CLI::App& app, Invocation& invocation) {
       "A certificate and its key as a PKCS#12 file (AES-256, PBKDF2 and a SHA-256 MAC) for "
       "browsers and mail clients; --passin opens the key, --passout protects the file");
   addIdArgument(*exportCommand, invocation);
-  addOutOption(*exportCommand, invocation, "the PKCS#12 file");
-  exportCommand->get_option("--out")->required();
+  addOutOption(*exportCommand, invocation, "the PKCS#12 file to FILE, e.g. --out alice.p12")
+      ->required();
   describeCommand(*exportCommand,
                   "--passin env:PW --passout env:P12PW export alice@example.org --out a.p12");
 

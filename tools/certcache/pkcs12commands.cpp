@@ -9,6 +9,7 @@
 #include <iostream>
 
 #include "base/filecontents.h"
+#include "base/filedescriptor.h"
 #include "base/opensslutil.h"
 #include "certificateinput.h"
 #include "commands.h"
@@ -76,25 +77,23 @@ Pkcs12Ptr makePkcs12(const std::string& name, X509* certificate, EVP_PKEY* key,
 // whole or as it was; it is readable by its owner alone, as a key is.
 void replaceFile(const std::string& path, const std::string& bytes) {
   std::string temporary = path + ".XXXXXX";
-  const int fd = ::mkstemp(&temporary[0]);
-  if (fd < 0) throw ToolError(kExitIoError, "cannot write beside " + path);
-  ::close(fd);
+  const FileDescriptor created(::mkstemp(&temporary[0]));
+  if (!created.isOpen()) throw ToolError(kExitIoError, "cannot write beside " + path);
   boost::system::error_code error;
-  if (writeWholeFile(temporary, bytes, 0600)) fs::rename(temporary, path, error);
-  if (!fs::exists(path, error) || fs::exists(temporary, error)) {
+  if (!writeWholeFile(temporary, bytes, 0600) || (fs::rename(temporary, path, error), error)) {
     fs::remove(temporary, error);
     throw ToolError(kExitIoError, "cannot write " + path);
   }
 }
 
-std::string der(PKCS12* container) {
+// The DER encoding of an OpenSSL object, by its i2d function.
+template <typename T, int (*Encode)(const T*, unsigned char**)>
+std::string encodeDer(const T* object) {
   unsigned char* bytes = nullptr;
-  const int length = i2d_PKCS12(container, &bytes);
+  const int length = Encode(object, &bytes);
   const OpenSSLBytesPtr owner(bytes);
-  if (length <= 0) {
-    ERR_clear_error();
-    throw ToolError(kExitIoError, "cannot encode the PKCS#12 file");
-  }
+  ERR_clear_error();
+  if (length <= 0) throw ToolError(kExitIoError, "cannot encode the credential");
   return std::string(reinterpret_cast<char*>(bytes), static_cast<std::size_t>(length));
 }
 
@@ -147,15 +146,8 @@ Pkcs12Contents readPkcs12(const std::string& path, const std::string& password) 
 }
 
 // The store's view of an X509: what its filter and naming rule take.
-std::shared_ptr<Certificate> storeCertificate(X509* certificate) {
-  unsigned char* bytes = nullptr;
-  const int length = i2d_X509(certificate, &bytes);
-  const OpenSSLBytesPtr owner(bytes);
-  ERR_clear_error();
-  if (length <= 0) throw ToolError(kExitDataError, "the certificate cannot be encoded");
-  return readCertificateInput(
-             std::string(reinterpret_cast<char*>(bytes), static_cast<std::size_t>(length)))
-      .certificates.front();
+std::shared_ptr<Certificate> storeCertificate(const X509* certificate) {
+  return readCertificateInput(encodeDer<X509, i2d_X509>(certificate)).certificates.front();
 }
 
 // Writes certificate and key beside their final names and renames them into
@@ -195,7 +187,7 @@ int exportCommand(const Invocation& invocation, std::ostream& out) {
   }
   const Pkcs12Ptr container =
       makePkcs12(invocation.id, credential->getX509(), credential->getPrivateKey(), filePassword);
-  replaceFile(invocation.outFile, der(container.get()));
+  replaceFile(invocation.outFile, encodeDer<PKCS12, i2d_PKCS12>(container.get()));
   out << "wrote the certificate and key of " << invocation.id << " to " << invocation.outFile
       << '\n';
   return kExitOk;
