@@ -273,6 +273,9 @@ const Case kCases[] = {
    "chmod locked.crt 0; open plain; chmod locked.crt 600", "locked.crt", "",
    {kLooking, kScanD, "warning: Loading certificate from <%D/locked.crt> failed",
     "info: Did not find any certificates in one of the dirs %R"}, kUnprivileged},
+  {"ALinkWhoseTargetCannotBeExaminedStopsTheScan", "sealed/", "chmod sealed 0; open plainq; "
+   "chmod sealed 700", "l.crt sealed/", "", {"throws"}, kUnprivileged,
+   [](T& t) { ::symlink("sealed/x.crt", t.path("l.crt").c_str()); }},
   {"UnlistableCacheDirectoryGivesAnEmptyIndex", "a.crt a.key", "chmod - 0; open keys; chmod - 700",
    "a.crt a.key", "",
    {kLooking, kScanD, "warning: Did not find any certificates with matching key in one of the "
