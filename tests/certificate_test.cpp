@@ -174,13 +174,16 @@ TEST_F(CertificateTest, TakesOneWholeWellFormedCertificateAndNothingElse) {
   const auto replaced = [&der](const std::string& from, const std::string& to) {
     return std::string(der).replace(der.find(from), from.size(), to);
   };
+  std::string deep;  // nested deeper than any certificate goes, where OpenSSL keeps bytes
+  for (int i = 0; i < 25; ++i) deep = seq(deep);
   for (const std::string& refused : std::vector<std::string>{
            rebuilt(8, tlv(0xA4, "")), rebuilt(8, tlv(0x81, "\0"_b)), rebuilt(1, tlv(2, "")),
            rebuilt(2, seq("\x30\x05\x06\x01\x00"_b)),
            rebuilt(4, seq(times[0] + times[0] + times[1])), rebuilt(9, "", tlv(5, "")),
            rebuilt(7, tlv(0xA3, seq(seq("\x06\x03\x55\x1D\x13\x04\x02\x30\x00\x05\x00"_b)))),
-           rebuilt(7, tlv(0xA3, seq(seq("\x06\x03\x55\x1D\x13"_b)))), der.substr(0, der.size() - 1),
-           der + "x", der + der, replaced("\x17\x0D", "\x13\x0D"),
+           rebuilt(7, tlv(0xA3, seq(seq("\x06\x03\x55\x1D\x13"_b)))),
+           rebuilt(2, seq("\x06\x09\x2A\x86\x48\x86\xF7\x0D\x01\x01\x0B"_b + deep)),
+           der.substr(0, der.size() - 1), der + "x", der + der, replaced("\x17\x0D", "\x13\x0D"),
            replaced(tbs[3], "\x10" + tbs[3].substr(1)),
            replaced("\x04\x02\x30\x00"_b, "\x04\x02\x04\x00"_b), replaced("\x05\x00"_b, "\x05\x01"),
            "text", "\x30\x82\xFF\xFF garbage"_b,
