@@ -185,7 +185,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"!c --store other --passin pass:q --passout $P import --overwrite m.p12 2>&1 && c --store other "
      "verify cy@x --ca ca.crt", 0, "certcache: import: left out 1 authority certificate(s): the store "
      "keeps one certificate a key\nimported the certificate and key as cy_at_x\ncy@x: OK\n"},
-    {"--store other check --days 0", 0, ""},
+    {"--store other check --days 0", 0, ""}, {"--store other --kind ca list --pending", 0, ""},
     {"!c --store chk --passin $P self-signed --email k@x && c --store chk --passin $P request --email "
      "q@x >/dev/null && openssl req -new -newkey rsa:1024 -nodes -keyout chk/user/x.key -subj "
      "/emailAddress=x@x -out x.csr 2>&1 && openssl x509 -req -CA ca.crt -CAkey ca.key -set_serial 7 "
