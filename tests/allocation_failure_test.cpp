@@ -78,9 +78,9 @@ const Operation kOperations[] = {
   {"SelfSigned", "open keysq; selfsigned - s@x pw 0", {"-> 0", "-> 1"}, "s_at_x.crt* s_at_x.key*",
    "open keysq; lookup s@x pw", "-> 0 s@x with key"},
   {"Request", "open keysq; csr - r@x pw 0", {"-> 0", "-> 1"}, "r_at_x.tpk* ?r_at_x.tpk",
-   "verifycsr r_at_x.tpk", "verifies"},
-  {"RequestBuilder", "request r@x",
-   {"11 -----BEGIN CERTIFICATE REQUEST-----", "01 untouched", "00 untouched"}},
+   "verify r_at_x.tpk", "verifies"},
+  {"RequestBuilder", "request r@x", {"11 -----BEGIN CERTIFICATE REQUEST-----", "01 untouched",
+   "00 untouched"}, "", "verify -", "verifies"},
   {"InstallWithKey", "put r_at_x.tpk; open keysq; install - r@x 0", {"-> 0", "-> 1"},
    "-r_at_x.tpk r_at_x.crt=pem:r@x r_at_x.key=r_at_x.tpk", "open keysq; lookup r@x pw",
    "-> 0 r@x with key"},
@@ -152,9 +152,8 @@ class AllocationFailureTest : public ::testing::TestWithParam<Operation> {
     }
     EXPECT_EQ(files, clean ? after : filesBefore);
     std::map<std::string, std::string> tree = test::snapshot(s.path(""));
-    for (const auto& file : treeBefore) {  // a failure leaves every earlier file as it was, mode too
+    for (const auto& file : treeBefore)  // a failure leaves every earlier file as it was, mode too
       EXPECT_TRUE(clean || tree[file.first] == file.second) << file.first;
-    }
     // What reads certificates leaves no error behind for the next reader of the queue.
     const bool reads = loads || verb == "lookup" || verb == "lazy" || verb == "only";
     EXPECT_TRUE(!reads || ERR_peek_error() == 0) << "an error was left";

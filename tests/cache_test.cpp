@@ -247,6 +247,9 @@ const Case kCases[] = {
    "q_at_x.crt q_at_x.key", "",
    {renaming("q_at_x.tpk", "q_at_x.key", 2), "-> 10", renaming("q_at_x.tpk", "q_at_x.key", 2),
     "-> 10"}},
+  {"ACertificateThatCannotBeRestoredIsTakenAwayToo", "q_at_x.key",
+   "put q_at_x.crt=" + std::string(3000, 'x') + "; open keysq; fsize 2000; install q_at_x q@x 1; "
+   "fsize 0", "q_at_x.key", "", {renaming("q_at_x.tpk", "q_at_x.key", 2), "-> 10"}},
   {"CertificateOnlyCacheWritesTheCertificateAlone", "named.tpk",
    "open plainq; install named n@x 0; install x/y n@x 0",
    "named.crt=pem:n@x named.tpk x%2Fy.crt=pem:n@x", "",

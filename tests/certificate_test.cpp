@@ -113,6 +113,7 @@ TEST_F(CertificateTest, IdentityIsTheSameEveryWayItIsReadAndTheFiltersFollow) {
       {seq(rdn(tlv(6, "\x80\x55\x04"), "x") + rdn(cn, "N")), "", "", ""},
       {seq(rdn(tlv(6, "\x55\x04\x83"), "x") + rdn(cn, "N")), "", "", ""},
       {seq(rdn(tlv(6, "\x55\x80\x84\x03"), "x") + rdn(cn, "N")), "", "", ""},
+      {seq(rdn(tlv(6, "\x55\x81\x80\x01"), "x") + rdn(cn, "N")), "", "0||N", "0||N|-|-"},
       {seq(rdn(mail, "e@x", 0x16)), "", "", "0|e@x|/emailAddress=e@x|e@x|-"},
       {seq(tlv(0x31, seq(cn + tlv(0x0C, "N") + tlv(5, "")))), "", "", ""},
       {seq(rdn(tlv(6, "\x55\x04\x0A"), "Org") + rdn(mail, "o@x", 0x16)), seq(ca), "",

@@ -103,8 +103,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "-inform DER -in cy.der -noout -serial | cut -d= -f2)\" ] && c --store root --passin $P "
      "renew cy@x --out cy2.csr && " + kSign.substr(1) + "cy2.csr -out cy2.crt >/dev/null 2>&1 && "
      "cat ca.crt cy2.crt >cy2.pem", 0, "wrote the certificate request for cy@x to cy2.csr\n"},
-    {kPass + " renew cy@x", 2, "pending since"},
-    {"list --pending", 0, "~cy_at_x\t" + kTime + "\n"},
+    {kPass + " renew cy@x", 2, "pending since"}, {"list --pending", 0, "~cy_at_x\t" + kTime + "\n"},
     {"--json list --pending", 0, "~\\[\n  \\{\n    \"base_name\": \"cy_at_x\",\n    \"since\": "
      "\"" + kTime + "\"\n  \\}\n\\]\n"},
     {kPass + " install cy2.pem", 2, "--overwrite"},
@@ -121,8 +120,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"!openssl req -new -newkey rsa:2048 -passout $P -subj /CN=T/emailAddress=t@x -keyout "
      "root/user/t.key -out t.req 2>&1 && openssl x509 -req -in t.req -signkey root/user/t.key "
      "-passin $P -outform DER -out root/user/t.crt 2>&1", 0, "*"},
-    {kPass + " show t@x", 0, "*"},
-    {kPass + " request --email f@x", 0, "*"},
+    {kPass + " show t@x", 0, "*"}, {kPass + " request --email f@x", 0, "*"},
     {"cancel-request --email f@x", 0, "cancelled the pending request for f@x\n"},
     {"rename al_at_x al-2026", 0, "renamed al_at_x to al-2026\n"},
     {kPass + " self-signed --email o@x", 0, "*"}, {"rename o_at_x b_at_x", 2, "--overwrite"},
@@ -132,9 +130,8 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"remove t@x", 0, "*"},
     {"expiring", 20, "~cy@x\t" + kTime + "\tdue\nd@x\t" + kTime + "\tdue\ne@x\t" + kTime +
      "\tdue\n"},
-    {"--json expiring --days 5", 0, "[]\n"},
     {"!cat cy.crt ca.crt | c --store root --kind ca --no-keys install", 0, "*"},
-    {"--kind ca --no-keys list", 0, "CA\n"},
+    {"--json expiring --days 5", 0, "[]\n"}, {"--kind ca --no-keys list", 0, "CA\n"},
     {"--no-keys --json show laptop", 0, "~.*\"has_key\": false\n\\}\n"},
     {"--no-keys " + kPass + " request --email x@x", 9, "cannot do this"},
     {"--location second " + kPass + " show al@x", 100, "al@x"},
@@ -150,6 +147,10 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "al@x", 75, "store is busy"},
     {"!exec 9>root/.certcache.lock && flock 9 && CERTCACHE_LOCK_WAIT=0 c --store root list", 75,
      "store is busy"},
+    // A reader of a store it may not write goes on without the lock it cannot make.
+    {"!mkdir -p ro/user && cp root/user/*.crt ro/user && cp $B ro/c && chmod -R a=rX ro && chmod "
+     "755 . && u=$([ $(id -u) = 0 ] && echo setpriv --reuid=65534 --regid=65534 --clear-groups); $u"
+     " ro/c --store ro --no-keys list", 0, "al-2026\ncy_at_x\nd_at_x\nlaptop\n"},
     {"--help", 0, "~.*Exit status.*"}, {"--version", 0, "~certcache [0-9]+[.][0-9]+[.][0-9]+\n"},
     {"!c export --help | grep -c -e '^Exit status:' -e 'a.p12$' -e 'list --long' && ! c --help | "
      "grep -q ':{'", 0, "2\n"},
@@ -185,13 +186,16 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"!c --store other --passin pass:q --passout $P import --overwrite m.p12 2>&1 && c --store other "
      "verify cy@x --ca ca.crt", 0, "certcache: import: left out 1 authority certificate(s): the store "
      "keeps one certificate a key\nimported the certificate and key as cy_at_x\ncy@x: OK\n"},
+    {"!mv other/user/cy_at_x.key k && mkdir other/user/cy_at_x.key && c --store other --passin "
+     "pass:q --passout $P import --overwrite m.p12; echo $? && ls other/user && rmdir "
+     "other/user/cy_at_x.key && mv k other/user/cy_at_x.key", 0, "1\ncy_at_x.crt\ncy_at_x.key\n"},
     {"--store other check --days 0", 0, ""}, {"--store other --kind ca list --pending", 0, ""},
     {"!c --store chk --passin $P self-signed --email k@x && c --store chk --passin $P request --email "
      "q@x >/dev/null && openssl req -new -newkey rsa:1024 -nodes -keyout chk/user/x.key -subj "
      "/emailAddress=x@x -out x.csr 2>&1 && openssl x509 -req -CA ca.crt -CAkey ca.key -set_serial 7 "
      "-days -1 -in x.csr -out chk/user/x.crt 2>&1 && cd chk/user && touch -d @0 q_at_x.tpk && chmod "
-     "640 k_at_x.key && cp k_at_x.key orphan.key && cp x.key k2.key && cp k_at_x.crt k2.crt && cp "
-     "k2.crt nokey.crt && cp ../../ca.crt . && : >empty.crt", 0, "*"},
+     "640 k_at_x.key q_at_x.tpk && cp k_at_x.key orphan.key && cp x.key k2.key && cp k_at_x.crt "
+     "k2.crt && cp k2.crt nokey.crt && cp ../../ca.crt . && : >empty.crt", 0, "*"},
     {"--store chk --passin file:pw check --days 5000", 20,
      "~unreadable\tchk/user/ca.crt\tnot a certificate of this kind; the user filter passes it over\n"
      "unreadable\tchk/user/empty.crt\tthe certificate file is empty\n"
@@ -203,20 +207,21 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "no-key\tchk/user/nokey.crt\ta certificate without its key\n"
      "mode\tchk/user/orphan.key\tmode 0640: group or others may read or change it\n"
      "orphan-key\tchk/user/orphan.key\ta key without its certificate\n"
+     "mode\tchk/user/q_at_x.tpk\tmode 0640: group or others may read or change it\n"
      "stale-request\tchk/user/q_at_x.tpk\ta request pending since 1970-01-01T00:00:00Z\n"
      "expired\tchk/user/x.crt\texpired on " + kTime + "\n"},
     {"!c --store chk check | cut -f1 | uniq -c | tr -s ' ' && c --store chk --json check --days 1 "
-     "| head -6", 0, " 2 unreadable\n 1 mode\n 1 no-key\n 1 mode\n 1 orphan-key\n 1 stale-request\n"
-     " 1 expired\n[\n  {\n    \"kind\": \"unreadable\",\n    \"path\": \"chk/user/ca.crt\",\n    "
-     "\"what\": \"not a certificate of this kind; the user filter passes it over\"\n  },\n"},
+     "| head -6", 0, " 2 unreadable\n 1 mode\n 1 no-key\n 1 mode\n 1 orphan-key\n 1 mode\n"
+     " 1 stale-request\n 1 expired\n[\n  {\n    \"kind\": \"unreadable\",\n    \"path\": "
+     "\"chk/user/ca.crt\",\n    \"what\": \"not a certificate of this kind; the user filter passes "
+     "it over\"\n  },\n"},
     // Bad input.
-    {"list --passin=pass:" + kSecret + " pass:" + kSecret, 64, "argument was not expected: pass:(h"},
+    {"list --pasin=pass:" + kSecret, 64, "argument was not expected: --pasin=pass:(hidden)"},
     {"--passin pas:" + kSecret + " show al@x", 64, "--passin takes"}, {"", 64, "is required"},
     {"frobnicate", 64, "unknown command 'frobnicate'"}, {"list --colour", 64, "--colour"},
-    {"show", 64, "ID is required"}, {"--kind ab list", 64, "ab"},
+    {"show", 64, "ID is required"}, {"--kind ab list", 64, "ab"}, {"rename . x", 64, "base name"},
     {"--passin pass:pw self-signed", 64, "--email is required"}, {"expiring --days x", 64, "x"},
     {"files user/al-2026", 64, "base name"}, {"rename al-2026 ..", 64, "base name"},
-    {"rename . x", 64, "base name"}, {"files ''", 64, "base name"},
     {"--passin file:d self-signed --email b@x", 66, "password"},
     {"--passin file:none self-signed --email b@x", 66, "cannot read the password file"},
     {"--passin env:CERTCACHE_TEST_UNSET self-signed --email b@x", 66, "not set"},
@@ -229,7 +234,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"--passin pass:bad install cy.crt", 103, "cannot be read with this password"},
     {kPass + " install none.crt", 66, "cannot read"}, {"cancel-request --email cy@x", 11, "pend"},
     {kPass + " install", 65, "not a certificate", "-----BEGIN CERTIFICATE-----\nAA==\n"},
-    {kPass + " self-signed --email noatsign", 64, "address"},
+    {kPass + " self-signed --email noatsign", 64, "address"}, {"files ''", 64, "base name"},
     {"--kind ca " + kPass + " self-signed --email ca@x", 64, "user certificates only"},
     {kPass + " request --email a@b@x", 64, "address"}, {"cancel-request --email x@", 64, "address"},
     {kPass + " request --email '@x'", 64, "address"}, {kPass + " request --email 'a b@x'", 64, "@"},

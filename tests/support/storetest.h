@@ -6,6 +6,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -58,9 +59,8 @@ inline int shell(const std::string& command, std::string* out = nullptr) {
   FILE* pipe = ::popen(command.c_str(), "r");
   char buffer[4096];
   std::string text;
-  for (std::size_t got; pipe && (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
+  for (std::size_t got; pipe && (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
     text.append(buffer, got);
-  }
   const int status = pipe ? ::pclose(pipe) : -1;
   if (out != nullptr) *out = text;
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -81,7 +81,7 @@ class StoreTest : public ::testing::Test {
     });
   }
   void TearDown() override {
-    cache_.reset();
+    cache_.reset(), requestKey_ = PkeyHandle();
     LogFacility::setSink(nullptr);
     LogFacility::setLevels(LogMask::error | LogMask::warning);
     LogFacility::setUp(true);
@@ -101,9 +101,8 @@ class StoreTest : public ::testing::Test {
   // Makes files named as path() names them ("x/": a directory holding a file). After '=' comes
   // the content: "key:N[:PASSWORD]" (testKey(N) under "pw" or PASSWORD), "email:ADDRESS" (a user
   // certificate), "der", "ca:SUBJECT" (an authority), "cert:SUBJECT" (no extensions; SUBJECT as
-  // "CN=a/emailAddress=b") or text. By default a ".crt" is a user certificate
-  // whose address is the base name with "_at_" read as "@" (else "@x" appended), and any other
-  // file is testKey(0) under "pw".
+  // "CN=a/emailAddress=b") or text. By default a ".crt" is a user certificate whose address is
+  // the base name with "_at_" read as "@" (else "@x" appended), and any other file is testKey(0).
   void put(const std::vector<std::string>& entries) {
     for (const std::string& entry : entries) {
       const std::string name = entry.substr(0, entry.find('='));
@@ -196,9 +195,9 @@ class StoreTest : public ::testing::Test {
   // "renamecert BASE NEWBASE", "remove ID", "writekey FILE PASSWORD N|empty", "writecert FILE
   // EMAIL", "selfsigned SUBJECT EMAIL PASSWORD FLAGS", "csr SUBJECT EMAIL PASSWORD FLAGS",
   // "cleanup SUBJECT EMAIL", "install ID EMAIL|junk|garbage|nomail OVERWRITE", "request EMAIL"
-  // (CertReq), "verifycsr KEYFILE", "put ENTRY", "cadir", "unlink FILE", "chmod FILE MODE", "umask
-  // MODE", "mode FILE", "seed" (an error on OpenSSL's queue), "queue" (noted whether errors are
-  // left on it, which it then clears). "-" is the empty string.
+  // (CertReq), "verify KEYFILE|-", "put ENTRY", "cadir", "unlink FILE", "chmod FILE MODE",
+  // "umask MODE", "fsize N", "mode FILE", "seed" (an error on OpenSSL's queue), "queue" (noted
+  // whether errors are left on it, which it then clears). "-" is the empty string.
   void script(const std::string& text) {
     std::istringstream calls(text);
     for (std::string call; std::getline(calls, call, ';');) {
@@ -232,10 +231,9 @@ class StoreTest : public ::testing::Test {
       if (c == "renamecert") note(cache_->renameCert(a[1], a[2]));
       if (c == "remove") note(cache_->removeCert(a[1]));
       PkeyHandle empty(c == "writekey" ? EVP_PKEY_new() : nullptr);
-      if (c == "writekey") {
+      if (c == "writekey")
         note(cache_->writePrivateKey(path(a[1]), a[2],
                                      a[3] == "empty" ? empty.get() : testKey(std::stoi(a[3]))));
-      }
       if (c == "writecert") note(cache_->writeCert(path(a[1]), (pem(a[2]), userCertificate(a[2]))));
       if (c == "selfsigned")
         note(cache_->createSelfSignedKeyPair(a[1], a[2], a[3], std::stoi(a[4])));
@@ -254,15 +252,16 @@ class StoreTest : public ::testing::Test {
         CertReq request(a[1], csr_, 1024);
         note(std::to_string(request.generated) + std::to_string(!!request.pkey) + " " +
              csr_.substr(0, 35));
+        requestKey_ = std::move(request.pkey);
       }
-      if (c == "verifycsr") {  // the request made last verifies with the key in the file
+      if (c == "verify") {  // the last request is signed by the key in KEYFILE, "-": the builder's
         BioPtr request(BIO_new_mem_buf(csr_.data(), -1)),
-            key(BIO_new_file(path(a[1]).c_str(), "r"));
+            key(a[1].empty() ? nullptr : BIO_new_file(path(a[1]).c_str(), "r"));
         X509ReqPtr req(request ? PEM_read_bio_X509_REQ(request.get(), nullptr, nullptr, nullptr)
                                : nullptr);
-        PkeyHandle pkey(
-            key ? PEM_read_bio_PrivateKey(key.get(), nullptr, nullptr, const_cast<char*>("pw"))
-                : nullptr);
+        PkeyHandle pkey = key ? PkeyHandle(PEM_read_bio_PrivateKey(key.get(), nullptr, nullptr,
+                                                                   const_cast<char*>("pw")))
+                              : std::move(requestKey_);
         note(req && pkey && X509_REQ_verify(req.get(), pkey.get()) == 1 ? "verifies"
                                                                         : "does not verify");
       }
@@ -274,6 +273,10 @@ class StoreTest : public ::testing::Test {
       if (c == "unlink") fs::remove(path(a[1]));
       if (c == "chmod") ::chmod(path(a[1]).c_str(), std::stoi(a[2], nullptr, 8));
       if (c == "umask") ::umask(std::stoi(a[1], nullptr, 8));
+      if (c == "fsize") {  // past N bytes (0: any size) a write to a file fails
+        const rlimit limit{a[1] == "0" ? RLIM_INFINITY : std::stoul(a[1]), RLIM_INFINITY};
+        ::signal(SIGXFSZ, SIG_IGN), ::setrlimit(RLIMIT_FSIZE, &limit);
+      }
       if (c == "mode" && ::stat(path(a[1]).c_str(), &info) == 0) {
         note(a[1] + " " + std::to_string(info.st_mode & 0777));
       }
@@ -319,6 +322,7 @@ class StoreTest : public ::testing::Test {
   boost::shared_ptr<CertificateFilter> filter_ = boost::make_shared<UserCertificateFilter>();
   std::unique_ptr<CertFileCache> cache_;
   std::string key_ = "k?", cert_ = "c?", csr_;  // what the script's calls fill in
+  PkeyHandle requestKey_;
 };
 
 }  // namespace test
