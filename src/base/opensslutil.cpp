@@ -26,4 +26,17 @@ PkeyHandle OpenSSLUtil::generateRsaPkey(int bits) {
   return PkeyHandle(key);
 }
 
+PkeyHandle OpenSSLUtil::generateEcPkey(const char* curve) {
+  ConfigurationInit::ensure();
+  EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
+  EVP_PKEY* key = nullptr;
+  if (!context || EVP_PKEY_keygen_init(context.get()) <= 0 ||
+      EVP_PKEY_CTX_set_group_name(context.get(), curve) <= 0 ||
+      EVP_PKEY_generate(context.get(), &key) <= 0) {
+    ERR_clear_error();
+    return PkeyHandle();
+  }
+  return PkeyHandle(key);
+}
+
 }  // namespace tavik

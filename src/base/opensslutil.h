@@ -1,4 +1,4 @@
-// Owning handles for OpenSSL objects, and RSA key generation.
+// Owning handles for OpenSSL objects, and key generation.
 //
 // Every OpenSSL object the library makes is owned by one of these handles from
 // the line that creates it, so it is freed on every way out of the code that
@@ -70,6 +70,8 @@ struct OpenSSLUtil {
   // A new RSA key of `bits` bits (public exponent 65537); an empty handle when
   // generation fails, with OpenSSL's error queue cleared.
   static PkeyHandle generateRsaPkey(int bits);
+  // A new EC key on the named curve ("P-256", "P-384"); empty as above.
+  static PkeyHandle generateEcPkey(const char* curve);
 };
 
 }  // namespace tavik

@@ -1,9 +1,11 @@
 // The one writer of the store's PEM files: certificates and encrypted keys.
 //
-// The file is opened as OpenSSL's own file BIO opens it, BIO_new_file(path,
-// "w"): created, or emptied when it exists, with the mode the process gives
-// new files. What a failed open leaves on OpenSSL's error queue stays there for
-// the caller. Each write is one PEM block followed by a flush: the flush belongs
+// By default the file is opened as OpenSSL's own file BIO opens it,
+// BIO_new_file(path, "w"): created, or emptied when it exists, with the mode
+// the process gives new files. A private file is owner-only (0600) from the
+// moment it exists, and an existing one is restricted before it is emptied,
+// so no key is readable by others at any moment. What a failed open leaves on
+// OpenSSL's error queue stays there for the caller. Each write is one PEM block followed by a flush: the flush belongs
 // to the write, since a full disk shows only there, and a key file cut short
 // must count as not written.
 #ifndef TAVIK_BASE_PEMFILE_H_
@@ -20,7 +22,8 @@ namespace tavik {
 
 class PemFileWriter {
  public:
-  explicit PemFileWriter(const std::string& path);
+  enum class Mode { kProcessDefault, kPrivate };
+  explicit PemFileWriter(const std::string& path, Mode mode = Mode::kProcessDefault);
   PemFileWriter(const PemFileWriter&) = delete;
   PemFileWriter& operator=(const PemFileWriter&) = delete;
 
@@ -33,6 +36,9 @@ class PemFileWriter {
   // as the default pass-phrase callback's user data, so the pass phrase is its
   // characters up to the first NUL.
   bool writeEncryptedKey(EVP_PKEY* key, const std::string& password);
+  // The key in encrypted PKCS#8 under PBES2: AES-256-CBC with a key from
+  // PBKDF2-HMAC-SHA256 at `iterations`. The pass phrase is read as above.
+  bool writeEncryptedKeyPbes2(EVP_PKEY* key, const std::string& password, int iterations);
 
   // Frees the BIO, which closes the file.
   void close() { bio_.reset(); }

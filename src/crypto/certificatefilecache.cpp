@@ -1,6 +1,5 @@
 // The statements of this file name it by the path under which it registers.
-#define TAVIK_LOG_SOURCE_FILE "src/crypto/certificatefilecache.cpp"
-
+#include "crypto/cachelog.h"
 #include "crypto/certificatefilecache.h"
 
 #include <openssl/err.h>
@@ -10,6 +9,7 @@
 #include <boost/filesystem/operations.hpp>
 #include <boost/system/error_code.hpp>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -19,7 +19,6 @@
 #include "base/filecontents.h"
 #include "base/filename.h"
 #include "base/pemfile.h"
-#include "log/log.h"
 
 namespace tavik {
 
@@ -33,6 +32,7 @@ LogHandle logHandle(nullptr, 0, 2);
 ConfigurationInit configurationInit;
 LogRegister logRegister(logHandle, TAVIK_LOG_SOURCE_FILE, __LINE__, 8);
 
+constexpr char kProfileRefused[] = "Can't use credential profile: ";
 constexpr char kEmptyPasswordMessage[] =
     "Empty password specified - not accepted by PEM_write_bio_PrivateKey when a cipher is present";
 
@@ -59,6 +59,8 @@ std::string openSSLErrorText(unsigned long code) {
 }
 
 }  // namespace
+
+LogHandle& cacheLogHandle() { return logHandle; }
 
 CertFileCache::CertFileCache(CertificateStore& store, boost::shared_ptr<CertificateFilter> filter,
                              bool withPrivateKeys)
@@ -339,12 +341,31 @@ int CertFileCache::writeCert(const fs::path& file, X509* cert) {
 
 int CertFileCache::writePrivateKey(const fs::path& file, const std::string& password,
                                    EVP_PKEY* key) {
-  PemFileWriter writer(file.string());
+  return writeKeyFile(file, password, key, nullptr);
+}
+
+int CertFileCache::writePrivateKey(const fs::path& file, const std::string& password,
+                                   EVP_PKEY* key, const CredentialProfile& profile) {
+  const std::string problem = profileProblem(profile, false);
+  if (!problem.empty()) {
+    TAVIK_LOG_ERROR(logHandle) << kProfileRefused << problem;
+    return kFailed;
+  }
+  return writeKeyFile(file, password, key, &profile);
+}
+
+int CertFileCache::writeKeyFile(const fs::path& file, const std::string& password, EVP_PKEY* key,
+                                const CredentialProfile* profile) {
+  PemFileWriter writer(file.string(), profile != nullptr ? PemFileWriter::Mode::kPrivate
+                                                         : PemFileWriter::Mode::kProcessDefault);
   if (!writer.isOpen()) {
     TAVIK_LOG_ERROR(logHandle) << "Can't create file BIO: " << file;
     return kFailed;
   }
-  if (!writer.writeEncryptedKey(key, password)) {
+  const bool written = profile != nullptr
+                           ? writer.writeEncryptedKeyPbes2(key, password, profile->kdfIterations)
+                           : writer.writeEncryptedKey(key, password);
+  if (!written) {
     // The earliest error leaves the queue whether or not the message is
     // written; later ones stay for the caller.
     const unsigned long code = ERR_get_error();
@@ -365,6 +386,18 @@ int CertFileCache::writePrivateKey(const fs::path& file, const std::string& pass
 
 int CertFileCache::createSelfSignedKeyPair(const std::string& subject, const std::string& email,
                                            const std::string& password, int flags) {
+  return makeSelfSignedKeyPair(subject, email, password, flags, nullptr);
+}
+
+int CertFileCache::createSelfSignedKeyPair(const std::string& subject, const std::string& email,
+                                           const std::string& password, int flags,
+                                           const CredentialProfile& profile) {
+  return makeSelfSignedKeyPair(subject, email, password, flags, &profile);
+}
+
+int CertFileCache::makeSelfSignedKeyPair(const std::string& subject, const std::string& email,
+                                         const std::string& password, int flags,
+                                         const CredentialProfile* profile) {
   if (password.empty()) {
     TAVIK_LOG_ERROR(logHandle) << kEmptyPasswordMessage;
     return kEmptyPassword;
@@ -380,15 +413,24 @@ int CertFileCache::createSelfSignedKeyPair(const std::string& subject, const std
   boost::system::error_code ignored;
   // Only the key decides: a certificate without its key is worth nothing.
   if ((flags & overwriteExisting) == 0 && entryExists(keyPath, ignored)) return kExists;
+  const std::string problem = profile != nullptr ? profileProblem(*profile, true) : "";
+  if (!problem.empty()) {
+    TAVIK_LOG_ERROR(logHandle) << kProfileRefused << problem;
+    return kFailed;
+  }
 
-  PkeyHandle key = OpenSSLUtil::generateRsaPkey(kRsaKeyBits);
+  PkeyHandle key = profile != nullptr ? generateProfileKey(*profile)
+                                      : OpenSSLUtil::generateRsaPkey(kRsaKeyBits);
   if (!key) {
     TAVIK_LOG_ERROR(logHandle) << "Can't create rsa pkey";
     return kFailed;
   }
   X509Ptr cert;
-  if (!buildSelfSignedCertificate(email, key.get(), cert)) return kFailed;
-  const int keyWritten = writePrivateKey(keyPath, password, key.get());
+  const bool built = profile != nullptr
+                         ? buildSelfSignedCertificate(email, key.get(), *profile, cert)
+                         : buildSelfSignedCertificate(email, key.get(), cert);
+  if (!built) return kFailed;
+  const int keyWritten = writeKeyFile(keyPath, password, key.get(), profile);
   if (keyWritten != kDone) {
     fs::remove(keyPath, ignored);
     return keyWritten;
@@ -404,6 +446,18 @@ int CertFileCache::createSelfSignedKeyPair(const std::string& subject, const std
 
 int CertFileCache::createCsr(const std::string& subject, const std::string& email,
                              const std::string& password, int flags, std::string& csr) {
+  return makeCsr(subject, email, password, flags, csr, nullptr);
+}
+
+int CertFileCache::createCsr(const std::string& subject, const std::string& email,
+                             const std::string& password, int flags, std::string& csr,
+                             const CredentialProfile& profile) {
+  return makeCsr(subject, email, password, flags, csr, &profile);
+}
+
+int CertFileCache::makeCsr(const std::string& subject, const std::string& email,
+                           const std::string& password, int flags, std::string& csr,
+                           const CredentialProfile* profile) {
   if (!withPrivateKeys_) return kNoPrivateKeys;
   if (password.empty()) {
     TAVIK_LOG_ERROR(logHandle) << kEmptyPasswordMessage;
@@ -415,16 +469,26 @@ int CertFileCache::createCsr(const std::string& subject, const std::string& emai
   boost::system::error_code ignored;
   // Tested before a key is generated, which is the slow part.
   if ((flags & overwriteExisting) == 0 && entryExists(keyPath, ignored)) return kExists;
+  const std::string problem = profile != nullptr ? profileProblem(*profile, false) : "";
+  if (!problem.empty()) {
+    TAVIK_LOG_ERROR(logHandle) << kProfileRefused << problem;
+    return kFailed;
+  }
 
-  CertReq request(email, csr, kRsaKeyBits);
-  if (!request.generated) {
+  std::optional<CertReq> request;
+  if (profile != nullptr) {
+    request.emplace(email, csr, *profile);
+  } else {
+    request.emplace(email, csr, kRsaKeyBits);
+  }
+  if (!request->generated) {
     TAVIK_LOG_ERROR(logHandle) << "Can't generate Certificate Request or private key: " << keyPath;
     return kFailed;
   }
   const fs::path target = (flags & skipTemporaryKey) != 0
                               ? keyPath
                               : filePath(store_.getRoot(), baseName, kTempKeyExtension);
-  return writePrivateKey(target, password, request.pkey.get());
+  return writeKeyFile(target, password, request->pkey.get(), profile);
 }
 
 int CertFileCache::cleanupCsr(const std::string& subject, const std::string& email) {

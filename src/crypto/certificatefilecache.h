@@ -34,6 +34,7 @@
 #include "base/certificatestore.h"
 #include "base/opensslutil.h"
 #include "crypto/certreq.h"
+#include "crypto/credentialprofile.h"
 
 namespace tavik {
 
@@ -111,21 +112,44 @@ class CertFileCache {
   // Deletes a certificate's files and its index entry; 0, 1, 4 or 8.
   int removeCert(const std::string& id);
 
+  // Creating credentials. The members without a profile make the store's
+  // original credentials: RSA 1024 keys, SHA-1 requests, version-1 self-signed
+  // certificates valid 2010-2037, Triple-DES key files. The members with a
+  // profile take the same steps in the same order, with the same files,
+  // results and messages, but make the profile's key, sign with its digest,
+  // add the credential's extensions and protect key files with AES-256 and
+  // PBKDF2 (credentialprofile.h). An unusable profile (profileProblem) is
+  // result 1 with "Can't use credential profile: " and the reason, after the
+  // checks of the arguments and before anything is generated or written.
+  //
   // Writes `cert` (borrowed) as PEM to `file`; 0 or 1.
   int writeCert(const boost::filesystem::path& file, X509* cert);
   // Writes `key` (borrowed) to `file`, encrypted with Triple-DES under
   // `password`, and makes the file private to its owner; 0 or 1.
   int writePrivateKey(const boost::filesystem::path& file, const std::string& password,
                       EVP_PKEY* key);
+  // The same, under AES-256-CBC with PBKDF2 at the profile's iterations; the
+  // file is owner-only from the moment it exists.
+  int writePrivateKey(const boost::filesystem::path& file, const std::string& password,
+                      EVP_PKEY* key, const CredentialProfile& profile);
   // Makes a new RSA key and a self-signed certificate for `email` and writes
   // them to the root; 0, 1, 2, 3, 12 or 13.
   int createSelfSignedKeyPair(const std::string& subject, const std::string& email,
                               const std::string& password, int flags);
+  // The same with the profile's key, a version-3 certificate with a random
+  // serial, valid from now for the profile's days, with the credential's
+  // extensions (the user filter lists it under `email`).
+  int createSelfSignedKeyPair(const std::string& subject, const std::string& email,
+                              const std::string& password, int flags,
+                              const CredentialProfile& profile);
   // Makes a new RSA key and a certificate request for `email`; the request's PEM
   // goes to `csr`, the key to the .tpk file (or .key with skipTemporaryKey).
   // 0, 1, 2, 3, 9 or 12.
   int createCsr(const std::string& subject, const std::string& email, const std::string& password,
                 int flags, std::string& csr);
+  // The same with the profile's key and request (CertReq's profile constructor).
+  int createCsr(const std::string& subject, const std::string& email, const std::string& password,
+                int flags, std::string& csr, const CredentialProfile& profile);
   // Deletes the temporary key of an abandoned request; 0, 3, 9 or 11.
   int cleanupCsr(const std::string& subject, const std::string& email);
   // Installs a signed certificate given as base64 text and, in a key-holding
@@ -135,6 +159,15 @@ class CertFileCache {
  private:
   unsigned long loadFromDir(const std::string& dir, unsigned long& count);
   void addFileToCache(const std::string& id, const std::string& file, const char* from);
+
+  // The steps of the members with and without a profile (null: without).
+  int writeKeyFile(const boost::filesystem::path& file, const std::string& password, EVP_PKEY* key,
+                   const CredentialProfile* profile);
+  int makeSelfSignedKeyPair(const std::string& subject, const std::string& email,
+                            const std::string& password, int flags,
+                            const CredentialProfile* profile);
+  int makeCsr(const std::string& subject, const std::string& email, const std::string& password,
+              int flags, std::string& csr, const CredentialProfile* profile);
 
   // The cache directory of `location`: location / subdirectory.
   // The path of a file by the store's path rule: location / subdirectory /

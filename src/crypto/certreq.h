@@ -1,7 +1,7 @@
 // Building new credentials in memory: a PKCS#10 certificate request for an
-// e-mail address with its new RSA key (CertReq), and the self-signed
-// certificate of a new key pair. Nothing here knows of files or of the cache;
-// the cache writes what these build.
+// e-mail address with its new key (CertReq), and the self-signed certificate
+// of a new key pair. Nothing here knows of files or of the cache; the cache
+// writes what these build. Their statements are the cache's own (cachelog.h).
 #ifndef TAVIK_CRYPTO_CERTREQ_H_
 #define TAVIK_CRYPTO_CERTREQ_H_
 
@@ -11,18 +11,26 @@
 #include <string>
 
 #include "base/opensslutil.h"
+#include "crypto/credentialprofile.h"
 
 namespace tavik {
 
-// Every key the library makes is RSA of this size, whatever a caller asks for.
+// The size of every key that the members without a profile make, whatever a
+// caller asks for: the store's original credentials.
 constexpr int kRsaKeyBits = 1024;
 
 // Builds a PKCS#10 certificate request for an e-mail address together with its
-// new RSA key. Construction does all the work; afterwards `generated` says
-// whether it succeeded and `pkey` holds the key (also after most failures).
+// new key. Construction does all the work; afterwards `generated` says whether
+// it succeeded and `pkey` holds the key (also after most failures). On success
+// `csr` holds the request as PEM; on failure it keeps what it held.
 class CertReq {
  public:
+  // RSA 1024, signed over SHA-1, no attributes; `keyBits` changes nothing.
   CertReq(const std::string& email, std::string& csr, int keyBits);
+  // The profile's key, signed with its digest, with an extension request for
+  // the credential's extensions (credentialExtensions), so that an authority
+  // that copies them issues a certificate for mail and for TLS clients.
+  CertReq(const std::string& email, std::string& csr, const CredentialProfile& profile);
   CertReq(const CertReq&) = delete;
   CertReq& operator=(const CertReq&) = delete;
 
@@ -30,6 +38,10 @@ class CertReq {
 
   bool generated;   // read by the caller
   PkeyHandle pkey;  // read by the caller; the key stays owned here
+
+ private:
+  // The steps both constructors take; `profile` null for the original request.
+  void build(const std::string& email, std::string& csr, const CredentialProfile* profile);
 };
 
 // The self-signed certificate of a new pair: version 1 (no version field),
@@ -37,6 +49,13 @@ class CertReq {
 // 2037-01-01 whatever the day, signed with `key` over SHA-256. False, with
 // the failing step's message when it has one, when a step fails.
 bool buildSelfSignedCertificate(const std::string& email, EVP_PKEY* key, X509Ptr& cert);
+
+// The self-signed certificate of a new pair made with `profile`: version 3, a
+// random positive serial of 16 octets, subject and issuer CN = email, valid
+// from now for the profile's days, the credential's extensions, signed with
+// `key` over the profile's digest. False as above.
+bool buildSelfSignedCertificate(const std::string& email, EVP_PKEY* key,
+                                const CredentialProfile& profile, X509Ptr& cert);
 
 }  // namespace tavik
 
