@@ -58,6 +58,19 @@ const std::string kMade = "debug: Success making requests",
 const std::string kText =
     "debug: Created certificate request: \n-----BEGIN CERTIFICATE REQUEST-----*";
 const std::string kLong(129, 'l');
+const std::string kNoProfile = "error: Can't use credential profile: ";
+// The extensions of a profile's certificate for `email` whose key's second use is `use`.
+std::string kUses(const std::string& email, const std::string& use) {
+  return " subjectAltName=email:" + email + " keyUsage!=Digital Signature, Key " + use +
+         " extendedKeyUsage=E-mail Protection, TLS Web Client Authentication "
+         "basicConstraints!=CA:FALSE subjectKeyIdentifier";
+}
+std::string kAsked(const std::string& email, const std::string& use) {
+  return kUses(email, use).substr(0, kUses(email, use).find(" basicConstraints"));
+}
+std::string kPrivate(const std::string& file) {
+  return "warning: Could not set private access mode on private key file: <%D/" + file + ">";
+}
 
 struct : Environment {
   bool setPrivateAccessMode(const std::string&) override { return false; }
@@ -208,11 +221,54 @@ const Case kCases[] = {
    {keyWritten("s_at_x.key"), "-> 0", kMade, kText, keyWritten("r_at_x.tpk"), "-> 0",
     "trace: Temporary private key file for <%D/r_at_x.crt> was renamed successflly",
     certWritten("r_at_x.crt"), "-> 0", "s_at_x.key 384", "s_at_x.crt 420", "r_at_x.key 384"}},
+  {"ProfilePairsCarryTheirKeyDigestValidityExtensionsAndProtection", "",
+   "umask 0; open keysq; selfsigned - e@x pw 0 ec256/d30; describe e_at_x.crt; describe e_at_x.key;"
+   " selfsigned - e@x pw 1 ec256; describe e_at_x.crt; selfsigned p p@x pw 0 ec384/i20000; describe"
+   " p.crt; describe p.key; selfsigned - r@x pw 0 rsa2048; describe r_at_x.crt; open keysq; "
+   "lookup e@x pw; lookup p@x pw; lookup r@x pw; lookup r@x wrong",
+   "e_at_x.crt* e_at_x.key* p.crt* p.key* r_at_x.crt* r_at_x.key*", "e@x=e_at_x p@x=p r@x=r_at_x",
+   {keyWritten("e_at_x.key"), "-> 0", "v3 EC prime256v1 ecdsa-with-SHA256 serial 16 new 30d from "
+    "now" + kUses("e@x", "Agreement"), "PBES2 INTEGER :0186A0 hmacWithSHA256 aes-256-cbc mode 384",
+    keyWritten("e_at_x.key"), "-> 0", "v3 EC prime256v1 ecdsa-with-SHA256 serial 16 new 365d from "
+    "now" + kUses("e@x", "Agreement"), keyWritten("p.key"), "-> 0", "v3 EC secp384r1 ecdsa-with-"
+    "SHA384 serial 16 new 365d from now" + kUses("p@x", "Agreement"), "PBES2 INTEGER :4E20 "
+    "hmacWithSHA256 aes-256-cbc mode 384", keyWritten("r_at_x.key"), "-> 0", "v3 RSA 2048 "
+    "sha256WithRSAEncryption serial 16 new 365d from now" + kUses("r@x", "Encipherment"),
+    "-> 0 e@x with key", "-> 0 p@x with key", "-> 0 r@x with key",
+    "warning: Error reading certificate. Key invalid: <%D/r_at_x.key>", "-> 1000103"}},
+  {"ProfileIsRefusedAfterTheArgumentsAndAnAddressOutsideASCIIByItsExtensions", "",
+   "open keysq; selfsigned - - - 0 ec256/d0; selfsigned - e@x pw 0 ec256/d0; selfsigned - e@x pw "
+   "0 ec256/d3651; selfsigned - e@x pw 0 rsa1; csr - e@x pw 0 ec256/i0; writekey w.key pw 0 "
+   "ec256/i0; put e_at_x.key; selfsigned - e@x pw 0 ec256/d0; selfsigned - caf\xC3\xA9@x pw 0 ec256",
+   "e_at_x.key", "",
+   {kNoPassword, "-> 12", kNoProfile + "a validity of 0 days is outside 1 to 3650", "-> 1",
+    kNoProfile + "a validity of 3651 days is outside 1 to 3650", "-> 1",
+    kNoProfile + "unknown key type 5", "-> 1", kNoProfile + "0 PBKDF2 iterations; at least 1 is "
+    "needed", "-> 1", kNoProfile + "0 PBKDF2 iterations; at least 1 is needed", "-> 1", "-> 2",
+    "error: Can't add extensions to certificate", "-> 1"}},
+  {"ProfileKeyFilesAreTheOwnersFromTheMomentTheyExist", "o.key", "umask 0; chmod o.key 644; "
+   "open keysq; writekey n.key pw 0 ec256; writekey o.key pw 1 ec256/i1; writekey l.key pw 0; "
+   "mode n.key; mode o.key; mode l.key; describe o.key; describe l.key", "l.key* n.key* o.key*", "",
+   {kPrivate("n.key"), keyWritten("n.key"), "-> 0", kPrivate("o.key"), keyWritten("o.key"), "-> 0",
+    kPrivate("l.key"), keyWritten("l.key"), "-> 0", "n.key 384", "o.key 384", "l.key 438",
+    "PBES2 INTEGER :01 hmacWithSHA256 aes-256-cbc mode 384",
+    "PBES2 INTEGER :0800 hmacWithSHA256 des-ede3-cbc mode 438"},
+   0, [](T&) { Environment::setInstance(&refusing); }},
   // ---- requests
   {"SecondRequestReplacesThePendingKey", "",
    "open keysq; csr - p@x pw 0; put p_at_x.tpk=mine; csr - p@x pw 0", "p_at_x.tpk*", "",
    {kMade, kText, keyWritten("p_at_x.tpk"), "-> 0", kMade, kText, keyWritten("p_at_x.tpk"),
     "-> 0"}},
+  {"ProfileRequestsAskForTheCredentialsExtensionsWhateverTheValidity", "",
+   "open keysq; csr - q@x pw 0 ec384/d0; describe -; describe q_at_x.tpk; verify q_at_x.tpk; "
+   "csr - q@x pw 5 rsa4096; describe -; verify q_at_x.key; request q@x rsa3072; describe -; verify -",
+   "q_at_x.key* q_at_x.tpk*", "",
+   {kMade, kText, keyWritten("q_at_x.tpk"), "-> 0", "EC secp384r1 ecdsa-with-SHA384" +
+    kAsked("q@x", "Agreement"), "PBES2 INTEGER :0186A0 hmacWithSHA256 aes-256-cbc mode 384",
+    "verifies", kMade, kText, keyWritten("q_at_x.key"), "-> 0", "RSA 4096 sha256WithRSAEncryption" +
+    kAsked("q@x", "Encipherment"), "verifies", kMade, kText,
+    "11 -----BEGIN CERTIFICATE REQUEST-----", "RSA 3072 sha256WithRSAEncryption" +
+    kAsked("q@x", "Encipherment"), "verifies"}},
   {"CleanupRemovesThePendingKeyOnce", "p_at_x.tpk p_at_x.key",
    "open keysq; cleanup - p@x; cleanup - p@x", "p_at_x.key", "",
    {"trace: Key was cleaned up: <%D/p_at_x.tpk>", "-> 0",

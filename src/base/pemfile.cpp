@@ -59,8 +59,8 @@ bool PemFileWriter::writeEncryptedKeyPbes2(EVP_PKEY* key, const std::string& pas
                                            int iterations) {
   PrivateKeyInfoPtr info(EVP_PKEY2PKCS8(key));
   if (!info) return false;
-  AlgorithmPtr scheme(PKCS5_pbe2_set_iv(EVP_aes_256_cbc(), iterations, nullptr, 0, nullptr,
-                                        NID_hmacWithSHA256));
+  AlgorithmPtr scheme(
+      PKCS5_pbe2_set_iv(EVP_aes_256_cbc(), iterations, nullptr, 0, nullptr, NID_hmacWithSHA256));
   if (!scheme) return false;
   const char* passPhrase = password.c_str();
   SealedKeyPtr sealed(PKCS8_set0_pbe(passPhrase, static_cast<int>(std::strlen(passPhrase)),

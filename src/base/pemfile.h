@@ -5,9 +5,9 @@
 // the process gives new files. A private file is owner-only (0600) from the
 // moment it exists, and an existing one is restricted before it is emptied,
 // so no key is readable by others at any moment. What a failed open leaves on
-// OpenSSL's error queue stays there for the caller. Each write is one PEM block followed by a flush: the flush belongs
-// to the write, since a full disk shows only there, and a key file cut short
-// must count as not written.
+// OpenSSL's error queue stays there for the caller. Each write is one PEM block followed by a
+// flush: the flush belongs to the write, since a full disk shows only there, and a key file cut
+// short must count as not written.
 #ifndef TAVIK_BASE_PEMFILE_H_
 #define TAVIK_BASE_PEMFILE_H_
 

@@ -1,5 +1,4 @@
 // The statements of this file name it by the path under which it registers.
-#include "crypto/cachelog.h"
 #include "crypto/certificatefilecache.h"
 
 #include <openssl/err.h>
@@ -19,6 +18,7 @@
 #include "base/filecontents.h"
 #include "base/filename.h"
 #include "base/pemfile.h"
+#include "crypto/cachelog.h"
 
 namespace tavik {
 
@@ -344,8 +344,8 @@ int CertFileCache::writePrivateKey(const fs::path& file, const std::string& pass
   return writeKeyFile(file, password, key, nullptr);
 }
 
-int CertFileCache::writePrivateKey(const fs::path& file, const std::string& password,
-                                   EVP_PKEY* key, const CredentialProfile& profile) {
+int CertFileCache::writePrivateKey(const fs::path& file, const std::string& password, EVP_PKEY* key,
+                                   const CredentialProfile& profile) {
   const std::string problem = profileProblem(profile, false);
   if (!problem.empty()) {
     TAVIK_LOG_ERROR(logHandle) << kProfileRefused << problem;
@@ -419,8 +419,8 @@ int CertFileCache::makeSelfSignedKeyPair(const std::string& subject, const std::
     return kFailed;
   }
 
-  PkeyHandle key = profile != nullptr ? generateProfileKey(*profile)
-                                      : OpenSSLUtil::generateRsaPkey(kRsaKeyBits);
+  PkeyHandle key =
+      profile != nullptr ? generateProfileKey(*profile) : OpenSSLUtil::generateRsaPkey(kRsaKeyBits);
   if (!key) {
     TAVIK_LOG_ERROR(logHandle) << "Can't create rsa pkey";
     return kFailed;

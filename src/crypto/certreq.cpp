@@ -1,9 +1,10 @@
-#include "crypto/cachelog.h"
 #include "crypto/certreq.h"
 
 #include <openssl/bn.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
+
+#include "crypto/cachelog.h"
 
 namespace tavik {
 
@@ -102,8 +103,8 @@ CertReq::CertReq(const std::string& email, std::string& csr, const CredentialPro
 }
 
 void CertReq::build(const std::string& email, std::string& csr, const CredentialProfile* profile) {
-  pkey = profile != nullptr ? generateProfileKey(*profile)
-                            : OpenSSLUtil::generateRsaPkey(kRsaKeyBits);
+  pkey =
+      profile != nullptr ? generateProfileKey(*profile) : OpenSSLUtil::generateRsaPkey(kRsaKeyBits);
   if (!pkey) {
     TAVIK_LOG_ERROR(cacheLogHandle()) << "Can't create pkey";
     return;

@@ -15,6 +15,8 @@
 #include <fstream>
 #include <iomanip>
 #include <map>
+#include <optional>
+#include <set>
 #include <sstream>
 
 #include "base/environment.h"
@@ -233,13 +235,22 @@ class StoreTest : public ::testing::Test {
       if (c == "renamecert") note(cache_->renameCert(a[1], a[2]));
       if (c == "remove") note(cache_->removeCert(a[1]));
       PkeyHandle empty(c == "writekey" ? EVP_PKEY_new() : nullptr);
+      EVP_PKEY* key = c != "writekey"   ? nullptr
+                      : a[3] == "empty" ? empty.get()
+                                        : testKey(std::stoi(a[3]));
       if (c == "writekey")
-        note(cache_->writePrivateKey(path(a[1]), a[2],
-                                     a[3] == "empty" ? empty.get() : testKey(std::stoi(a[3]))));
+        note(a[4].empty() ? cache_->writePrivateKey(path(a[1]), a[2], key)
+                          : cache_->writePrivateKey(path(a[1]), a[2], key, profile(a[4])));
       if (c == "writecert") note(cache_->writeCert(path(a[1]), (pem(a[2]), userCertificate(a[2]))));
       if (c == "selfsigned")
-        note(cache_->createSelfSignedKeyPair(a[1], a[2], a[3], std::stoi(a[4])));
-      if (c == "csr") note(cache_->createCsr(a[1], a[2], a[3], std::stoi(a[4]), csr_));
+        note(a[5].empty() ? cache_->createSelfSignedKeyPair(a[1], a[2], a[3], std::stoi(a[4]))
+                          : cache_->createSelfSignedKeyPair(a[1], a[2], a[3], std::stoi(a[4]),
+                                                            profile(a[5])));
+      if (c == "csr")
+        note(a[5].empty()
+                 ? cache_->createCsr(a[1], a[2], a[3], std::stoi(a[4]), csr_)
+                 : cache_->createCsr(a[1], a[2], a[3], std::stoi(a[4]), csr_, profile(a[5])));
+      if (c == "describe") note(describe(a[1]));
       if (c == "cleanup") note(cache_->cleanupCsr(a[1], a[2]));
       if (c == "install") {
         const std::string text = a[2] == "junk"      ? "not a certificate"
@@ -251,7 +262,10 @@ class StoreTest : public ::testing::Test {
       }
       if (c == "request") {
         csr_ = "untouched";
-        CertReq request(a[1], csr_, 1024);
+        std::optional<CertReq> made;
+        a[2].empty() ? (void)made.emplace(a[1], csr_, 1024)
+                     : (void)made.emplace(a[1], csr_, profile(a[2]));
+        CertReq& request = *made;
         note(std::to_string(request.generated) + std::to_string(!!request.pkey) + " " +
              csr_.substr(0, 35));
         requestKey_ = std::move(request.pkey);
@@ -283,6 +297,74 @@ class StoreTest : public ::testing::Test {
         note(a[1] + " " + std::to_string(info.st_mode & 0777));
       }
     }
+  }
+
+  // "rsa2048", "rsa3072", "rsa4096", "ec256" or "ec384" (any other: a key type out of range), then
+  // "/dDAYS" and "/iITERATIONS".
+  static CredentialProfile profile(const std::string& text) {
+    static const std::vector<std::string> keys = {"rsa2048", "rsa3072", "rsa4096", "ec256",
+                                                  "ec384"};
+    CredentialProfile made;
+    std::istringstream parts(text);
+    std::string part;
+    std::getline(parts, part, '/');
+    made.key = CredentialProfile::Key(std::find(keys.begin(), keys.end(), part) - keys.begin());
+    while (std::getline(parts, part, '/'))
+      (part[0] == 'd' ? made.validityDays : made.kdfIterations) = std::stoi(part.substr(1));
+    return made;
+  }
+
+  // A key file's protection as the openssl tool reads it and its mode; or a certificate's (FILE)
+  // or the last request's ("-") version, key, signature, serial, validity and extensions.
+  std::string describe(const std::string& name) {
+    const std::string file = name.empty() ? "" : path(name);
+    std::string text;
+    if (fs::path(file).extension() != ".crt" && !name.empty()) {
+      shell("openssl asn1parse -in " + quote(file) +
+                " | grep -oE 'PBES2|hmacWithSHA256|aes-256-cbc"
+                "|des-ede3-cbc|INTEGER +:[0-9A-F]+$' | tr -s ' \\n' ' '",
+            &text);
+      struct stat info {};
+      ::stat(file.c_str(), &info);
+      return text + "mode " + std::to_string(info.st_mode & 0777);
+    }
+    BioPtr in(name.empty() ? BIO_new_mem_buf(csr_.data(), -1) : BIO_new_file(file.c_str(), "r"));
+    X509Ptr cert(name.empty() ? nullptr : PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
+    X509ReqPtr req(cert ? nullptr : PEM_read_bio_X509_REQ(in.get(), nullptr, nullptr, nullptr));
+    if (!cert && !req) return "unreadable";
+    EVP_PKEY* key = cert ? X509_get0_pubkey(cert.get()) : X509_REQ_get0_pubkey(req.get());
+    char group[32] = "";
+    std::size_t length = 0;
+    const bool ec = EVP_PKEY_get_group_name(key, group, sizeof group, &length) == 1;
+    text = (ec ? std::string("EC ") + group : "RSA " + std::to_string(EVP_PKEY_get_bits(key))) +
+           " " +
+           OBJ_nid2ln(cert ? X509_get_signature_nid(cert.get())
+                           : X509_REQ_get_signature_nid(req.get()));
+    X509ExtensionsPtr requested(req ? X509_REQ_get_extensions(req.get()) : nullptr);
+    const STACK_OF(X509_EXTENSION)* extensions =
+        cert ? X509_get0_extensions(cert.get()) : requested.get();
+    if (cert) {
+      const ASN1_INTEGER* serial = X509_get0_serialNumber(cert.get());
+      const std::string octets(reinterpret_cast<const char*>(ASN1_STRING_get0_data(serial)),
+                               ASN1_STRING_length(serial));
+      int days = 0, seconds = 0, ago = 0, agoSeconds = 0;
+      ASN1_TIME_diff(&days, &seconds, X509_get0_notBefore(cert.get()),
+                     X509_get0_notAfter(cert.get()));
+      ASN1_TIME_diff(&ago, &agoSeconds, X509_get0_notBefore(cert.get()), nullptr);
+      text = "v" + std::to_string(X509_get_version(cert.get()) + 1) + " " + text + " serial " +
+             std::to_string(octets.size()) +
+             (serials_.insert(octets).second ? " new " : " again ") + std::to_string(days) + "d" +
+             (ago == 0 && agoSeconds < 120 ? " from now" : "");
+    }
+    for (int i = 0; i < sk_X509_EXTENSION_num(extensions); ++i) {
+      X509_EXTENSION* extension = sk_X509_EXTENSION_value(extensions, i);
+      const int nid = OBJ_obj2nid(X509_EXTENSION_get_object(extension));
+      text +=
+          std::string(" ") + OBJ_nid2sn(nid) + (X509_EXTENSION_get_critical(extension) ? "!" : "");
+      if (nid != NID_subject_key_identifier)
+        text += "=" + written([extension](BIO* b) { return X509V3_EXT_print(b, extension, 0, 0); });
+    }
+    return text;
   }
 
   // A user certificate for `email`, and its PEM, made once: signing is slow, and nothing may be
@@ -325,6 +407,7 @@ class StoreTest : public ::testing::Test {
   std::unique_ptr<CertFileCache> cache_;
   std::string key_ = "k?", cert_ = "c?", csr_;  // what the script's calls fill in
   PkeyHandle requestKey_;
+  std::set<std::string> serials_;  // of the certificates described
 };
 
 }  // namespace test
