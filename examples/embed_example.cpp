@@ -12,7 +12,9 @@ int main(int argc, char** argv) {
   boost::filesystem::create_directories(root + "/user");  // the cache makes no directories
   tavik::CertificateStore store(root, {root});
   auto users = boost::make_shared<tavik::UserCertificateFilter>();
-  tavik::CertFileCache(store, users, true).createSelfSignedKeyPair("", "me@example.org", "pw", 0);
+  tavik::CredentialProfile profile;  // RSA 3072, SHA-256, an AES-256 key file: what TLS accepts
+  tavik::CertFileCache(store, users, true)
+      .createSelfSignedKeyPair("", "me@example.org", "pw", 0, profile);
   tavik::CertFileCache cache(store, users, true);  // a new cache indexes the new pair
   int error = 0;
   auto cert = cache.getCertificate("me@example.org", "pw", error, true);
