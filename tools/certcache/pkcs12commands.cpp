@@ -12,7 +12,6 @@
 #include "base/filedescriptor.h"
 #include "base/opensslutil.h"
 #include "certificateinput.h"
-#include "commands.h"
 #include "keyfile.h"
 #include "passwordsource.h"
 #include "resultwords.h"
