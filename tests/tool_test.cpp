@@ -152,6 +152,8 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "755 . && u=$([ $(id -u) = 0 ] && echo setpriv --reuid=65534 --regid=65534 --clear-groups); $u"
      " ro/c --store ro --no-keys list", 0, "al-2026\ncy_at_x\nd_at_x\nlaptop\n"},
     {"--help", 0, "~.*Exit status.*"}, {"--version", 0, "~certcache [0-9]+[.][0-9]+[.][0-9]+\n"},
+    {"!grep '^[.]SH' ${B%/*}/certcache.1 | tr -d '\"' | cut -c5- | paste -sd,", 0, "NAME,SYNOPSIS,"
+     "DESCRIPTION,COMMANDS,OPTIONS,EXIT STATUS,ENVIRONMENT,FILES,EXAMPLES,SEE ALSO\n"},
     {"!c export --help | grep -c -e '^Exit status:' -e 'a.p12$' -e 'list --long' && ! c --help | "
      "grep -q ':{'", 0, "2\n"},
     {"!PATH=${B%/*}:$PATH X=$X bash -c '. $X && t() { COMP_WORDS=(certcache \"$@\"); COMP_CWORD=$#; "

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <iostream>
 #include <iterator>
+#include <memory>
 
 #include "toolerror.h"
 
@@ -16,7 +17,9 @@ const char kDescription[] =
     "Keeps X.509 certificates and their password-protected RSA keys as PEM files in a "
     "certificate store: lists, shows, checks and verifies them, makes self-signed pairs and "
     "certificate requests, installs signed certificates, moves credentials in and out as "
-    "PKCS#12, renames and removes them.";
+    "PKCS#12, renames and removes them. Options may stand before or after the command; certcache "
+    "COMMAND "
+    "--help tells one command.";
 
 const char kExitStatuses[] =
     "Exit status:\n"
@@ -43,11 +46,20 @@ const char kExamples[] =
     "--out bob.csr\n"
     "  $ certcache --store /tmp/store --passin file:pw.txt install bob.crt\n"
     "  $ certcache --store /tmp/store check --days 60 || mail -s 'certificates' root\n"
-    "  $ certcache --store /tmp/store --passin env:PW export bob@example.org --out bob.p12\n"
-    "\n"
-    "Options may stand before or after the command; certcache COMMAND --help tells one "
-    "command.\n"
-    "\n";
+    "  $ certcache --store /tmp/store --passin env:PW export bob@example.org --out bob.p12\n";
+
+// The commands are what the tool is for, so its help names them before the
+// options; a manual page made from it keeps the order of a manual's sections.
+class CommandsFirst : public CLI::Formatter {
+ public:
+  CommandsFirst() { label("SUBCOMMAND", "COMMAND"); }
+  std::string make_help(const CLI::App* app, std::string name,
+                        CLI::AppFormatMode mode) const override {
+    if (mode == CLI::AppFormatMode::Sub) return make_expanded(app);
+    return make_description(app) + make_usage(app, name) + make_positionals(app) +
+           make_subcommands(app, mode) + make_groups(app, mode) + '\n' + make_footer(app);
+  }
+};
 
 // A command's own help page: what it is for, its options, one example, and
 // where the global options are told.
@@ -288,11 +300,13 @@ std::string raisedLevel(const std::string& level, int steps) {
 
 int parseCommandLine(int argc, char** argv, Invocation& invocation) {
   CLI::App app(kDescription, "certcache");
-  app.footer(std::string(kExamples) + kExitStatuses);
+  app.formatter(std::make_shared<CommandsFirst>());
+  app.footer(std::string(kExitStatuses) + '\n' + kExamples);
   app.require_subcommand(1);
   app.fallthrough();  // options of the tool also after the command
   addGlobalOptions(app, invocation);
   addCommands(app, invocation);
+  for (CLI::App* command : app.get_subcommands({})) command->group("Commands");
 
   try {
     app.parse(argc, argv);
