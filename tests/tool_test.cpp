@@ -71,7 +71,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "\n.*"},
     {"files al_at_x", 0, "certificate: root/user/al_at_x.crt\nkey: root/user/al_at_x.key\n"},
     {"show al@x", 0, "~id: al@x\nbase_name: al_at_x\nsubject: CN=al@x\nissuer: CN=al@x\n"
-     "serial: 01\nnot_before: 2010-01-01T00:00:00Z\nnot_after: 2037-01-01T00:00:00Z\n"
+     "serial: 01\npublic_key: RSA 1024\nsignature: sha256WithRSAEncryption\nnot_before: 2010-01-01T00:00:00Z\nnot_after: 2037-01-01T00:00:00Z\n"
      "expired: false\nnot_yet_valid: false\nsha256: [0-9a-f]{64}\nhas_key: false\n"},
     {"show b@x --json --log trace " + kPass, 0, "~\\{\n  \"id\": \"b@x\",\n  \"base_name\": "
      "\"b_at_x\",\n  \"subject\": \"CN=b@x\",\n.*\n  \"has_key\": true\n\\}\n"},
@@ -117,10 +117,11 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {kSign + "e.csr -outform DER 2>/dev/null | base64 -w0 >e.b64", 0, ""},
     {kPass + " install", 10, "no pending request", "@e.b64"},
     {kPass + " install --id laptop", 0, "*", "@e.b64"},
-    {"!openssl req -new -newkey rsa:2048 -passout $P -subj /CN=T/emailAddress=t@x -keyout "
-     "root/user/t.key -out t.req 2>&1 && openssl x509 -req -in t.req -signkey root/user/t.key "
-     "-passin $P -outform DER -out root/user/t.crt 2>&1", 0, "*"},
-    {kPass + " show t@x", 0, "*"}, {kPass + " request --email f@x", 0, "*"},
+    {"!openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -passout $P -subj "
+     "/CN=T/emailAddress=t@x -keyout root/user/t.key -out t.req 2>&1 && openssl x509 -req -in t.req "
+     "-signkey root/user/t.key -passin $P -outform DER -out root/user/t.crt 2>&1", 0, "*"},
+    {"!c --store root --passin $P --json show t@x | grep -e public_key -e signature", 0,
+     "  \"public_key\": \"EC P-256\",\n  \"signature\": \"ecdsa-with-SHA256\",\n"}, {kPass + " request --email f@x", 0, "*"},
     {"cancel-request --email f@x", 0, "cancelled the pending request for f@x\n"},
     {"rename al_at_x al-2026", 0, "renamed al_at_x to al-2026\n"},
     {kPass + " self-signed --email o@x", 0, "*"}, {"rename o_at_x b_at_x", 2, "--overwrite"},
