@@ -192,30 +192,50 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"!mv other/user/cy_at_x.key k && mkdir other/user/cy_at_x.key && c --store other --passin "
      "pass:q --passout $P import --overwrite m.p12; echo $? && ls other/user && rmdir "
      "other/user/cy_at_x.key && mv k other/user/cy_at_x.key", 0, "1\ncy_at_x.crt\ncy_at_x.key\n"},
-    {"--store other check --days 0", 0, ""}, {"--store other --kind ca list --pending", 0, ""},
+    {"--store other check --days 0", 20, "weak\tother/user/cy_at_x.crt\tRSA 1024-bit key\nweak\t"
+     "other/user/cy_at_x.key\tkey file encrypted with Triple-DES and protected with 2048 PBKDF2 "
+     "iterations\n"}, {"--store other --kind ca list --pending", 0, ""},
     {"!c --store chk --passin $P self-signed --email k@x && c --store chk --passin $P request --email "
      "q@x >/dev/null && openssl req -new -newkey rsa:1024 -nodes -keyout chk/user/x.key -subj "
      "/emailAddress=x@x -out x.csr 2>&1 && openssl x509 -req -CA ca.crt -CAkey ca.key -set_serial 7 "
-     "-days -1 -in x.csr -out chk/user/x.crt 2>&1 && cd chk/user && touch -d @0 q_at_x.tpk && chmod "
+     "-days -1 -sha1 -in x.csr -out chk/user/x.crt 2>&1 && cd chk/user && touch -d @0 q_at_x.tpk && chmod "
      "640 k_at_x.key q_at_x.tpk && cp k_at_x.key orphan.key && cp x.key k2.key && cp k_at_x.crt "
-     "k2.crt && cp k2.crt nokey.crt && cp ../../ca.crt . && : >empty.crt", 0, "*"},
+     "k2.crt && cp k2.crt nokey.crt && cp ../../ca.crt . && : >empty.crt && for i in 9999 10000; do "
+     "openssl pkcs8 -topk8 -v2 aes256 -iter $i -in x.key -passout $P -out i$i.key; done && openssl "
+     "rsa -in x.key -des3 -traditional -passout $P -out t.key 2>&1 && chmod 600 i* t.key", 0, "*"},
     {"--store chk --passin file:pw check --days 5000", 20,
      "~unreadable\tchk/user/ca.crt\tnot a certificate of this kind; the user filter passes it over\n"
      "unreadable\tchk/user/empty.crt\tthe certificate file is empty\n"
-     "due\tchk/user/k2.crt\texpires on 2037-01-01T00:00:00Z\n"
+     "orphan-key\tchk/user/i10000.key\ta key without its certificate\n"
+     "weak\tchk/user/i9999.key\tkey file protected with 9999 PBKDF2 iterations\n"
+     "orphan-key\tchk/user/i9999.key\ta key without its certificate\n"
+     "due\tchk/user/k2.crt\texpires on 2037-01-01T00:00:00Z\nweak\tchk/user/k2.crt\tRSA 1024-bit key\n"
+     "weak\tchk/user/k2.key\tkey file not encrypted\n"
      "mismatch\tchk/user/k2.key\tthe key is not the certificate's\n"
      "due\tchk/user/k_at_x.crt\texpires on 2037-01-01T00:00:00Z\n"
+     "weak\tchk/user/k_at_x.crt\tRSA 1024-bit key\n"
      "mode\tchk/user/k_at_x.key\tmode 0640: group or others may read or change it\n"
+     "weak\tchk/user/k_at_x.key\tkey file encrypted with Triple-DES and protected with 2048 PBKDF2 "
+     "iterations\n"
      "due\tchk/user/nokey.crt\texpires on 2037-01-01T00:00:00Z\n"
+     "weak\tchk/user/nokey.crt\tRSA 1024-bit key\n"
      "no-key\tchk/user/nokey.crt\ta certificate without its key\n"
      "mode\tchk/user/orphan.key\tmode 0640: group or others may read or change it\n"
+     "weak\tchk/user/orphan.key\tkey file encrypted with Triple-DES and protected with 2048 PBKDF2 "
+     "iterations\n"
      "orphan-key\tchk/user/orphan.key\ta key without its certificate\n"
      "mode\tchk/user/q_at_x.tpk\tmode 0640: group or others may read or change it\n"
+     "weak\tchk/user/q_at_x.tpk\tkey file encrypted with Triple-DES and protected with 2048 PBKDF2 "
+     "iterations\n"
      "stale-request\tchk/user/q_at_x.tpk\ta request pending since 1970-01-01T00:00:00Z\n"
-     "expired\tchk/user/x.crt\texpired on " + kTime + "\n"},
-    {"!c --store chk check | cut -f1 | uniq -c | tr -s ' ' && c --store chk --json check --days 1 "
-     "| head -6", 0, " 2 unreadable\n 1 mode\n 1 no-key\n 1 mode\n 1 orphan-key\n 1 mode\n"
-     " 1 stale-request\n 1 expired\n[\n  {\n    \"kind\": \"unreadable\",\n    \"path\": "
+     "weak\tchk/user/t.key\tkey file encrypted with Triple-DES and protected with one MD5 round of "
+     "traditional PEM encryption\norphan-key\tchk/user/t.key\ta key without its certificate\n"
+     "expired\tchk/user/x.crt\texpired on " + kTime + "\n"
+     "weak\tchk/user/x.crt\tRSA 1024-bit key, signed with SHA-1\n"
+     "weak\tchk/user/x.key\tkey file not encrypted\n"},
+    {"!c --store chk check | cut -f1 | sort | uniq -c | tr -s ' ' && c --store chk --json check "
+     "--days 1 | head -6", 0, " 1 expired\n 3 mode\n 1 no-key\n 4 orphan-key\n 1 stale-request\n"
+     " 2 unreadable\n 11 weak\n[\n  {\n    \"kind\": \"unreadable\",\n    \"path\": "
      "\"chk/user/ca.crt\",\n    \"what\": \"not a certificate of this kind; the user filter passes "
      "it over\"\n  },\n"},
     // Bad input.
