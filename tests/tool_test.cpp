@@ -173,6 +173,11 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "\"$(openssl x509 -noout -modulus -in root/user/cy_at_x.crt)\" ]", 0,
      "600\n      2 AES-256-CBC, Iteration 100000, PRF hmacWithSHA256\n      1 sha256, Iteration "
      "100000\n"},
+    {"!c --store root --passin $P export cy@x --legacy --passout pass:p12 --out l.p12 2>&1 && openssl "
+     "pkcs12 -info -nokeys -noout -passin pass:p12 -in l.p12 2>&1 | grep -o 'MAC: sha1\\|pbeWithSHA1"
+     "And3-KeyTripleDES-CBC' | uniq -c", 0, "certcache: export: l.p12 is protected with Triple-DES and"
+     " a SHA-1 MAC only, for software that reads nothing newer\nwrote the certificate and key of cy@x "
+     "to l.p12\n      1 MAC: sha1\n      2 pbeWithSHA1And3-KeyTripleDES-CBC\n"},
     {"--store other --passin pass:p12 --passout file:pw import cy.p12", 0,
      "imported the certificate and key as cy_at_x\n"},
     {"!c --store other --passin $P show cy@x | grep has_key && openssl pkcs12 -export -in m.crt "

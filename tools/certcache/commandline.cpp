@@ -247,6 +247,9 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   addIdArgument(*exportCommand, invocation);
   addOutOption(*exportCommand, invocation, "the PKCS#12 file to FILE, e.g. --out alice.p12")
       ->required();
+  exportCommand->add_flag("--legacy", invocation.legacyPkcs12,
+                          "Protect key and certificate with PBE-SHA1-3DES and a SHA-1 MAC instead, "
+                          "for software that reads nothing newer (older mail clients and systems)");
   describeCommand(*exportCommand,
                   "--passin env:PW --passout env:P12PW export alice@example.org --out a.p12");
 

@@ -35,6 +35,7 @@ struct Invocation {
   std::string caFile;     // verify --ca
   bool overwrite = false;
   bool noTempKey = false;
+  bool legacyPkcs12 = false;  // export --legacy
   int days = 30;
 };
 
