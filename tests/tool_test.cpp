@@ -53,7 +53,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
   // In the shell, $C and $K are al@x's certificate and key, and $P the password.
   // clang-format off
   const std::vector<Step> walk = {
-    {"!umask 0 && c --store root " + kPass + " self-signed --email al@x", 0,
+    {"!umask 0 && c --store root " + kPass + " self-signed --key legacy --email al@x", 0,
      "made a key and a self-signed certificate for al@x\n"},
     {"!stat -c %a root root/user $K $C", 0, "700\n700\n600\n600\n"},
     {"!openssl x509 -noout -text -in $C | grep -o -e 'Version: [0-9]*' -e 'sha[0-9]*WithRSA' "
@@ -77,7 +77,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "\"b_at_x\",\n  \"subject\": \"CN=b@x\",\n.*\n  \"has_key\": true\n\\}\n"},
     {"!openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.crt -subj /CN=CA 2>&1", 0,
      "*"},
-    {"--passin file:pw request --email cy@x --out cy.csr", 0,
+    {"--passin file:pw request --email cy@x --key legacy --out cy.csr", 0,
      "wrote the certificate request for cy@x to cy.csr\n"},
     {"--passin file:pw request --email cy@x --out cy.csr", 2, "pending since"},  // a retry
     {"!openssl req -verify -noout -text -in cy.csr 2>&1 | grep -o -e 'verify OK' -e 'Version: "
@@ -124,7 +124,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "  \"public_key\": \"EC P-256\",\n  \"signature\": \"ecdsa-with-SHA256\",\n"}, {kPass + " request --email f@x", 0, "*"},
     {"cancel-request --email f@x", 0, "cancelled the pending request for f@x\n"},
     {"rename al_at_x al-2026", 0, "renamed al_at_x to al-2026\n"},
-    {kPass + " self-signed --email o@x", 0, "*"}, {"rename o_at_x b_at_x", 2, "--overwrite"},
+    {kPass + " self-signed --email o@x --key ec:P-384 --days 3650", 0, "*"}, {"rename o_at_x b_at_x", 2, "--overwrite"},
     {"rename --overwrite o_at_x b_at_x", 0, "renamed o_at_x to b_at_x\n"},
     {"remove o@x", 0, "removed o@x\n"},
     {"list --long", 0, "al@x\tal-2026\ncy@x\tcy_at_x\nd@x\td_at_x\ne@x\tlaptop\nt@x\tt\n"},
@@ -159,7 +159,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "grep -q ':{'", 0, "2\n"},
     {"!PATH=${B%/*}:$PATH X=$X bash -c '. $X && t() { COMP_WORDS=(certcache \"$@\"); COMP_CWORD=$#; "
      "_certcache; echo \"${COMPREPLY[*]}\"; } && t ch && t --store root show c && t list --pe && t "
-     "--kind \"\"'", 0, "check\ncy@x\n--pending\nuser ca\n"},
+     "--kind \"\" && t renew --key ec'", 0, "check\ncy@x\n--pending\nuser ca\nec:P-256 ec:P-384\n"},
     // Verification, PKCS#12 both ways with the openssl tool, and a store that needs a look.
     {"verify cy@x --ca ca.crt", 0, "cy@x: OK\n"},
     {"!c --store root --json verify al@x --ca ca.crt; echo $?", 0, "{\n  \"id\": \"al@x\",\n  "
@@ -248,7 +248,13 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"--passin pas:" + kSecret + " show al@x", 64, "--passin takes"}, {"", 64, "is required"},
     {"frobnicate", 64, "unknown command 'frobnicate'"}, {"list --colour", 64, "--colour"},
     {"show", 64, "ID is required"}, {"--kind ab list", 64, "ab"}, {"rename . x", 64, "base name"},
-    {"--passin pass:pw self-signed", 64, "--email is required"}, {"expiring --days x", 64, "x"},
+    {"--passin pass:pw self-signed", 64, "--email is required"},
+    {"--passin pass:pw self-signed --email b@x --key rsa:1024", 64, "rsa:1024 not in"},
+    {"--passin pass:pw request --email b@x --key ec:P-521", 64, "ec:P-521"},
+    {"--passin pass:pw self-signed --email b@x --days 0", 64, "0 not in range 1 to 3650"},
+    {"--passin pass:pw self-signed --email b@x --days 3651", 64, "3651"},
+    {"--passin pass:pw self-signed --email b@x --key legacy --days 9", 64, "cannot go with --key"},
+    {"--passin pass:pw request --email b@x --days 9", 64, "--days"}, {"expiring --days x", 64, "x"},
     {"files user/al-2026", 64, "base name"}, {"rename al-2026 ..", 64, "base name"},
     {"--passin file:d self-signed --email b@x", 66, "password"},
     {"--passin file:none self-signed --email b@x", 66, "cannot read the password file"},

@@ -130,6 +130,34 @@ void addEmailOptions(CLI::App& command, Invocation& invocation, const char* verb
       ->type_name("S");
 }
 
+// The names --key takes for the profile's keys.
+const std::pair<const char*, CredentialChoice::Key> kKeyNames[] = {
+    {"rsa:2048", CredentialChoice::Key::rsa2048}, {"rsa:3072", CredentialChoice::Key::rsa3072},
+    {"rsa:4096", CredentialChoice::Key::rsa4096}, {"ec:P-256", CredentialChoice::Key::ecP256},
+    {"ec:P-384", CredentialChoice::Key::ecP384},
+};
+const char kLegacyKey[] = "legacy";
+
+void addKeyOption(CLI::App& command, Invocation& invocation) {
+  std::vector<std::string> names = {kLegacyKey};
+  for (const auto& name : kKeyNames) names.insert(names.end() - 1, name.first);
+  command
+      .add_option_function<std::string>(
+          "--key",
+          [&invocation](const std::string& value) {
+            invocation.legacyKey = value == kLegacyKey;
+            for (const auto& name : kKeyNames) {
+              if (value == name.first) invocation.credential.key = name.second;
+            }
+          },
+          "The key to make: rsa:2048, rsa:3072, rsa:4096, ec:P-256 or ec:P-384, signed with "
+          "SHA-256 (SHA-384 with ec:P-384), in a key file under AES-256 and PBKDF2; or legacy: "
+          "RSA 1024, a SHA-1 request, a Triple-DES key file and the fixed self-signed "
+          "certificate, for stores shared with programs that expect those. Default: rsa:3072")
+      ->type_name("KEY")
+      ->check(oneOf(names));
+}
+
 void addIdArgument(CLI::App& command, Invocation& invocation) {
   command.add_option("ID", invocation.id, "The identifier, e.g. alice@example.org")->required();
 }
@@ -160,6 +188,13 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   addEmailOptions(*selfSigned, invocation, "of the certificate");
   selfSigned->add_flag("--overwrite", invocation.overwrite,
                        "Replace an existing key and certificate");
+  addKeyOption(*selfSigned, invocation);
+  selfSigned
+      ->add_option("--days", invocation.credential.validityDays,
+                   "How many days from now the certificate is valid, 1 to 3650, e.g. --days 730; "
+                   "not with --key legacy, whose validity is fixed. Default: 365")
+      ->type_name("N")
+      ->check(CLI::Range(1, 3650).description(""));
   describeCommand(*selfSigned, "--passin env:PW self-signed --email alice@example.org");
 
   CLI::App* request = app.add_subcommand(
@@ -170,6 +205,7 @@ void addCommands(CLI::App& app, Invocation& invocation) {
                     "replacing the pending key");
   request->add_flag("--no-temp-key", invocation.noTempKey,
                     "Store the key as the final key at once instead of a pending one");
+  addKeyOption(*request, invocation);
   addOutOption(*request, invocation, "the request's PEM to FILE instead of stdout");
   describeCommand(*request, "--passin file:pw.txt request --email bob@example.org --out bob.csr");
 
@@ -180,6 +216,7 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   addIdArgument(*renew, invocation);
   renew->add_flag("--overwrite", invocation.overwrite,
                   "Replace the key of a request that is already pending");
+  addKeyOption(*renew, invocation);
   addOutOption(*renew, invocation, "the request's PEM to FILE instead of stdout");
   describeCommand(*renew, "--passin file:pw.txt renew bob@example.org --out bob-2027.csr");
 
@@ -326,6 +363,14 @@ int parseCommandLine(int argc, char** argv, Invocation& invocation) {
     return kExitUsage;
   }
   invocation.command = app.get_subcommands().front()->get_name();
+  // The legacy certificate's validity is fixed, so a --days beside it would be
+  // silently ignored.
+  if (invocation.legacyKey && invocation.command == "self-signed" &&
+      app.get_subcommands().front()->count("--days") > 0) {
+    std::cerr << "certcache: --days cannot go with --key legacy, whose certificate is valid from "
+                 "2010 to 2037 (see certcache --help)\n";
+    return kExitUsage;
+  }
   invocation.logLevel = raisedLevel(invocation.logLevel, invocation.verbosity);
   return -1;
 }
