@@ -14,12 +14,11 @@ namespace cli {
 namespace {
 
 const char kDescription[] =
-    "Keeps X.509 certificates and their password-protected RSA keys as PEM files in a "
-    "certificate store: lists, shows, checks and verifies them, makes self-signed pairs and "
-    "certificate requests, installs signed certificates, moves credentials in and out as "
-    "PKCS#12, renames and removes them. Options may stand before or after the command; certcache "
-    "COMMAND "
-    "--help tells one command.";
+    "Keeps X.509 certificates and their password-protected keys as PEM files in a certificate "
+    "store: lists, shows, checks and verifies them, makes self-signed pairs and certificate "
+    "requests, installs signed certificates, moves credentials in and out as PKCS#12, renames "
+    "and removes them. Options may stand before or after the command; certcache COMMAND --help "
+    "tells one command.";
 
 const char kExitStatuses[] =
     "Exit status:\n"
@@ -27,7 +26,8 @@ const char kExitStatuses[] =
     "  1-13     the cache's result code (2: a file exists, add --overwrite; 10: no pending\n"
     "           request for the certificate; 12: the password is empty)\n"
     "  20       expiring or check found something\n"
-    "  64       usage error, a needed password that was not given included\n"
+    "  64       usage error (a needed password that was not given, a --key or --days\n"
+    "           that the command does not take, included)\n"
     "  65       the input is not what the command needs (a certificate for another key,\n"
     "           a request given to install, a chain that does not verify)\n"
     "  66       an input file, password source, store root or location is missing or\n"
@@ -173,7 +173,8 @@ void addCommands(CLI::App& app, Invocation& invocation) {
                  "The requests waiting for a certificate instead: BASENAME<TAB>SINCE");
   describeCommand(*list, "--store /tmp/store list --long");
 
-  CLI::App* show = app.add_subcommand("show", "One certificate; with --passin its key is read too");
+  CLI::App* show = app.add_subcommand(
+      "show", "One certificate, its key type and signature; with --passin its key is read too");
   addIdArgument(*show, invocation);
   describeCommand(*show, "--store /tmp/store --json show alice@example.org");
 
@@ -184,7 +185,9 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   describeCommand(*files, "--store /tmp/store files alice_at_example.org");
 
   CLI::App* selfSigned = app.add_subcommand(
-      "self-signed", "Make a new key and a self-signed certificate for an e-mail address");
+      "self-signed",
+      "Make a new key (--key, default rsa:3072) and a self-signed certificate valid for --days "
+      "(default 365) for an e-mail address");
   addEmailOptions(*selfSigned, invocation, "of the certificate");
   selfSigned->add_flag("--overwrite", invocation.overwrite,
                        "Replace an existing key and certificate");
@@ -195,10 +198,14 @@ void addCommands(CLI::App& app, Invocation& invocation) {
                    "not with --key legacy, whose validity is fixed. Default: 365")
       ->type_name("N")
       ->check(CLI::Range(1, 3650).description(""));
-  describeCommand(*selfSigned, "--passin env:PW self-signed --email alice@example.org");
+  describeCommand(
+      *selfSigned,
+      "--passin env:PW self-signed --email alice@example.org --key ec:P-256 --days 730");
 
   CLI::App* request = app.add_subcommand(
-      "request", "Make a new key and a certificate request; the key waits until install");
+      "request",
+      "Make a new key (--key, default rsa:3072) and a certificate request; the key waits until "
+      "install");
   addEmailOptions(*request, invocation, "to request a certificate for");
   request->add_flag("--overwrite", invocation.overwrite,
                     "Go on even though a key of that name exists or a request is pending, "
@@ -211,7 +218,7 @@ void addCommands(CLI::App& app, Invocation& invocation) {
 
   CLI::App* renew = app.add_subcommand(
       "renew",
-      "A request with a new key for an installed certificate, under its base name; "
+      "A request with a new key (--key) for an installed certificate, under its base name; "
       "the installed pair keeps working until install --overwrite replaces both");
   addIdArgument(*renew, invocation);
   renew->add_flag("--overwrite", invocation.overwrite,
@@ -256,8 +263,8 @@ void addCommands(CLI::App& app, Invocation& invocation) {
       "check",
       "What needs a person: keys without certificate, certificates without key, stale "
       "requests, key files others may read, files the scan refuses, expired and due "
-      "certificates, and with --passin keys that are not their certificate's; exit 20 when "
-      "anything is found");
+      "certificates, weak keys, signatures and key-file protection, and with --passin keys "
+      "that are not their certificate's; exit 20 when anything is found");
   for (CLI::App* command : {expiring, check}) {
     command
         ->add_option("--days", invocation.days,
@@ -279,8 +286,9 @@ void addCommands(CLI::App& app, Invocation& invocation) {
 
   CLI::App* exportCommand = app.add_subcommand(
       "export",
-      "A certificate and its key as a PKCS#12 file (AES-256, PBKDF2 and a SHA-256 MAC) for "
-      "browsers and mail clients; --passin opens the key, --passout protects the file");
+      "A certificate and its key as a PKCS#12 file (AES-256, PBKDF2 and a SHA-256 MAC; "
+      "--legacy: Triple-DES and SHA-1) for browsers and mail clients; --passin opens the key, "
+      "--passout protects the file");
   addIdArgument(*exportCommand, invocation);
   addOutOption(*exportCommand, invocation, "the PKCS#12 file to FILE, e.g. --out alice.p12")
       ->required();
