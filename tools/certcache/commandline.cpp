@@ -139,8 +139,9 @@ const std::pair<const char*, CredentialChoice::Key> kKeyNames[] = {
 const char kLegacyKey[] = "legacy";
 
 void addKeyOption(CLI::App& command, Invocation& invocation) {
-  std::vector<std::string> names = {kLegacyKey};
-  for (const auto& name : kKeyNames) names.insert(names.end() - 1, name.first);
+  std::vector<std::string> names;
+  for (const auto& name : kKeyNames) names.push_back(name.first);
+  names.push_back(kLegacyKey);
   command
       .add_option_function<std::string>(
           "--key",
