@@ -45,7 +45,7 @@ struct Invocation {
   bool overwrite = false;
   bool noTempKey = false;
   bool legacyPkcs12 = false;    // export --legacy
-  bool legacyKey = false;       // --key legacy: the cache's specified members make the credentials
+  bool legacyKey = false;       // --key legacy: the cache's members without a profile make them
   CredentialChoice credential;  // self-signed, request, renew: --key and self-signed --days
   int days = 30;
 };
