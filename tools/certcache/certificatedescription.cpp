@@ -33,10 +33,13 @@ std::string nameText(const X509_NAME* name, const char* field) {
 }
 
 // OpenSSL's long name of an object, or its dotted form when OpenSSL knows no name.
+// An identifier may be long, so the text is asked for its length first.
 std::string objectText(const ASN1_OBJECT* object, const char* field) {
-  char text[128];
-  const int length = object == nullptr ? -1 : OBJ_obj2txt(text, sizeof text, object, 0);
-  if (length <= 0 || length >= static_cast<int>(sizeof text)) unreadable(field);
+  const int length = object == nullptr ? -1 : OBJ_obj2txt(nullptr, 0, object, 0);
+  if (length <= 0) unreadable(field);
+  std::string text(static_cast<std::size_t>(length) + 1, '\0');
+  OBJ_obj2txt(&text[0], length + 1, object, 0);
+  text.resize(static_cast<std::size_t>(length));
   return text;
 }
 
