@@ -106,6 +106,8 @@ step certcache list --pending
 section "8b. To a browser and back: PKCS#12, read and written by the openssl tool too"
 step certcache --passin env:CERT_PW export bob@example.org --out bob.p12
 step openssl pkcs12 -info -noout -in bob.p12 -passin env:CERT_PW
+echo "(For software that reads nothing newer: Triple-DES and a SHA-1 MAC, said on stderr.)"
+step certcache --passin env:CERT_PW export bob@example.org --legacy --out bob-legacy.p12
 step openssl pkcs12 -export -in other.crt -inkey other.key -passout pass:browser -out other.p12
 step certcache --store "$work/laptop" --passin pass:browser --passout env:CERT_PW import other.p12
 step certcache --store "$work/laptop" --passin env:CERT_PW show bob@example.org

@@ -53,7 +53,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
   // In the shell, $C and $K are al@x's certificate and key, and $P the password.
   // clang-format off
   const std::vector<Step> walk = {
-    {"!umask 0 && c --store root " + kPass + " self-signed --email al@x", 0,
+    {"!umask 0 && c --store root " + kPass + " self-signed --key legacy --email al@x", 0,
      "made a key and a self-signed certificate for al@x\n"},
     {"!stat -c %a root root/user $K $C", 0, "700\n700\n600\n600\n"},
     {"!openssl x509 -noout -text -in $C | grep -o -e 'Version: [0-9]*' -e 'sha[0-9]*WithRSA' "
@@ -71,13 +71,13 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "\n.*"},
     {"files al_at_x", 0, "certificate: root/user/al_at_x.crt\nkey: root/user/al_at_x.key\n"},
     {"show al@x", 0, "~id: al@x\nbase_name: al_at_x\nsubject: CN=al@x\nissuer: CN=al@x\n"
-     "serial: 01\nnot_before: 2010-01-01T00:00:00Z\nnot_after: 2037-01-01T00:00:00Z\n"
+     "serial: 01\npublic_key: RSA 1024\nsignature: sha256WithRSAEncryption\nnot_before: 2010-01-01T00:00:00Z\nnot_after: 2037-01-01T00:00:00Z\n"
      "expired: false\nnot_yet_valid: false\nsha256: [0-9a-f]{64}\nhas_key: false\n"},
     {"show b@x --json --log trace " + kPass, 0, "~\\{\n  \"id\": \"b@x\",\n  \"base_name\": "
      "\"b_at_x\",\n  \"subject\": \"CN=b@x\",\n.*\n  \"has_key\": true\n\\}\n"},
     {"!openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.crt -subj /CN=CA 2>&1", 0,
      "*"},
-    {"--passin file:pw request --email cy@x --out cy.csr", 0,
+    {"--passin file:pw request --email cy@x --key legacy --out cy.csr", 0,
      "wrote the certificate request for cy@x to cy.csr\n"},
     {"--passin file:pw request --email cy@x --out cy.csr", 2, "pending since"},  // a retry
     {"!openssl req -verify -noout -text -in cy.csr 2>&1 | grep -o -e 'verify OK' -e 'Version: "
@@ -117,13 +117,14 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {kSign + "e.csr -outform DER 2>/dev/null | base64 -w0 >e.b64", 0, ""},
     {kPass + " install", 10, "no pending request", "@e.b64"},
     {kPass + " install --id laptop", 0, "*", "@e.b64"},
-    {"!openssl req -new -newkey rsa:2048 -passout $P -subj /CN=T/emailAddress=t@x -keyout "
-     "root/user/t.key -out t.req 2>&1 && openssl x509 -req -in t.req -signkey root/user/t.key "
-     "-passin $P -outform DER -out root/user/t.crt 2>&1", 0, "*"},
-    {kPass + " show t@x", 0, "*"}, {kPass + " request --email f@x", 0, "*"},
+    {"!openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -passout $P -subj "
+     "/CN=T/emailAddress=t@x -keyout root/user/t.key -out t.req 2>&1 && openssl x509 -req -in t.req "
+     "-signkey root/user/t.key -passin $P -outform DER -out root/user/t.crt 2>&1", 0, "*"},
+    {"!c --store root --passin $P --json show t@x | grep -e public_key -e signature", 0,
+     "  \"public_key\": \"EC P-256\",\n  \"signature\": \"ecdsa-with-SHA256\",\n"}, {kPass + " request --email f@x", 0, "*"},
     {"cancel-request --email f@x", 0, "cancelled the pending request for f@x\n"},
     {"rename al_at_x al-2026", 0, "renamed al_at_x to al-2026\n"},
-    {kPass + " self-signed --email o@x", 0, "*"}, {"rename o_at_x b_at_x", 2, "--overwrite"},
+    {kPass + " self-signed --email o@x --key ec:P-384 --days 3650", 0, "*"}, {"rename o_at_x b_at_x", 2, "--overwrite"},
     {"rename --overwrite o_at_x b_at_x", 0, "renamed o_at_x to b_at_x\n"},
     {"remove o@x", 0, "removed o@x\n"},
     {"list --long", 0, "al@x\tal-2026\ncy@x\tcy_at_x\nd@x\td_at_x\ne@x\tlaptop\nt@x\tt\n"},
@@ -152,11 +153,13 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "755 . && u=$([ $(id -u) = 0 ] && echo setpriv --reuid=65534 --regid=65534 --clear-groups); $u"
      " ro/c --store ro --no-keys list", 0, "al-2026\ncy_at_x\nd_at_x\nlaptop\n"},
     {"--help", 0, "~.*Exit status.*"}, {"--version", 0, "~certcache [0-9]+[.][0-9]+[.][0-9]+\n"},
+    {"!grep '^[.]SH' ${B%/*}/certcache.1 | tr -d '\"' | cut -c5- | paste -sd,", 0, "NAME,SYNOPSIS,"
+     "DESCRIPTION,COMMANDS,OPTIONS,EXIT STATUS,ENVIRONMENT,FILES,EXAMPLES,SEE ALSO\n"},
     {"!c export --help | grep -c -e '^Exit status:' -e 'a.p12$' -e 'list --long' && ! c --help | "
      "grep -q ':{'", 0, "2\n"},
     {"!PATH=${B%/*}:$PATH X=$X bash -c '. $X && t() { COMP_WORDS=(certcache \"$@\"); COMP_CWORD=$#; "
      "_certcache; echo \"${COMPREPLY[*]}\"; } && t ch && t --store root show c && t list --pe && t "
-     "--kind \"\"'", 0, "check\ncy@x\n--pending\nuser ca\n"},
+     "--kind \"\" && t renew --key ec'", 0, "check\ncy@x\n--pending\nuser ca\nec:P-256 ec:P-384\n"},
     // Verification, PKCS#12 both ways with the openssl tool, and a store that needs a look.
     {"verify cy@x --ca ca.crt", 0, "cy@x: OK\n"},
     {"!c --store root --json verify al@x --ca ca.crt; echo $?", 0, "{\n  \"id\": \"al@x\",\n  "
@@ -170,6 +173,11 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "\"$(openssl x509 -noout -modulus -in root/user/cy_at_x.crt)\" ]", 0,
      "600\n      2 AES-256-CBC, Iteration 100000, PRF hmacWithSHA256\n      1 sha256, Iteration "
      "100000\n"},
+    {"!c --store root --passin $P export cy@x --legacy --passout pass:p12 --out l.p12 2>&1 && openssl "
+     "pkcs12 -info -nokeys -noout -passin pass:p12 -in l.p12 2>&1 | grep -o 'MAC: sha1\\|pbeWithSHA1"
+     "And3-KeyTripleDES-CBC' | uniq -c", 0, "certcache: export: l.p12 is protected with Triple-DES and"
+     " a SHA-1 MAC only, for software that reads nothing newer\nwrote the certificate and key of cy@x "
+     "to l.p12\n      1 MAC: sha1\n      2 pbeWithSHA1And3-KeyTripleDES-CBC\n"},
     {"--store other --passin pass:p12 --passout file:pw import cy.p12", 0,
      "imported the certificate and key as cy_at_x\n"},
     {"!c --store other --passin $P show cy@x | grep has_key && openssl pkcs12 -export -in m.crt "
@@ -189,30 +197,50 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"!mv other/user/cy_at_x.key k && mkdir other/user/cy_at_x.key && c --store other --passin "
      "pass:q --passout $P import --overwrite m.p12; echo $? && ls other/user && rmdir "
      "other/user/cy_at_x.key && mv k other/user/cy_at_x.key", 0, "1\ncy_at_x.crt\ncy_at_x.key\n"},
-    {"--store other check --days 0", 0, ""}, {"--store other --kind ca list --pending", 0, ""},
+    {"--store other check --days 0", 20, "weak\tother/user/cy_at_x.crt\tRSA 1024-bit key\nweak\t"
+     "other/user/cy_at_x.key\tkey file encrypted with Triple-DES and protected with 2048 PBKDF2 "
+     "iterations\n"}, {"--store other --kind ca list --pending", 0, ""},
     {"!c --store chk --passin $P self-signed --email k@x && c --store chk --passin $P request --email "
      "q@x >/dev/null && openssl req -new -newkey rsa:1024 -nodes -keyout chk/user/x.key -subj "
      "/emailAddress=x@x -out x.csr 2>&1 && openssl x509 -req -CA ca.crt -CAkey ca.key -set_serial 7 "
-     "-days -1 -in x.csr -out chk/user/x.crt 2>&1 && cd chk/user && touch -d @0 q_at_x.tpk && chmod "
+     "-days -1 -sha1 -in x.csr -out chk/user/x.crt 2>&1 && cd chk/user && touch -d @0 q_at_x.tpk && chmod "
      "640 k_at_x.key q_at_x.tpk && cp k_at_x.key orphan.key && cp x.key k2.key && cp k_at_x.crt "
-     "k2.crt && cp k2.crt nokey.crt && cp ../../ca.crt . && : >empty.crt", 0, "*"},
+     "k2.crt && cp k2.crt nokey.crt && cp ../../ca.crt . && : >empty.crt && for i in 9999 10000; do "
+     "openssl pkcs8 -topk8 -v2 aes256 -iter $i -in x.key -passout $P -out i$i.key; done && openssl "
+     "rsa -in x.key -des3 -traditional -passout $P -out t.key 2>&1 && chmod 600 i* t.key", 0, "*"},
     {"--store chk --passin file:pw check --days 5000", 20,
      "~unreadable\tchk/user/ca.crt\tnot a certificate of this kind; the user filter passes it over\n"
      "unreadable\tchk/user/empty.crt\tthe certificate file is empty\n"
-     "due\tchk/user/k2.crt\texpires on 2037-01-01T00:00:00Z\n"
+     "orphan-key\tchk/user/i10000.key\ta key without its certificate\n"
+     "weak\tchk/user/i9999.key\tkey file protected with 9999 PBKDF2 iterations\n"
+     "orphan-key\tchk/user/i9999.key\ta key without its certificate\n"
+     "due\tchk/user/k2.crt\texpires on 2037-01-01T00:00:00Z\nweak\tchk/user/k2.crt\tRSA 1024-bit key\n"
+     "weak\tchk/user/k2.key\tkey file not encrypted\n"
      "mismatch\tchk/user/k2.key\tthe key is not the certificate's\n"
      "due\tchk/user/k_at_x.crt\texpires on 2037-01-01T00:00:00Z\n"
+     "weak\tchk/user/k_at_x.crt\tRSA 1024-bit key\n"
      "mode\tchk/user/k_at_x.key\tmode 0640: group or others may read or change it\n"
+     "weak\tchk/user/k_at_x.key\tkey file encrypted with Triple-DES and protected with 2048 PBKDF2 "
+     "iterations\n"
      "due\tchk/user/nokey.crt\texpires on 2037-01-01T00:00:00Z\n"
+     "weak\tchk/user/nokey.crt\tRSA 1024-bit key\n"
      "no-key\tchk/user/nokey.crt\ta certificate without its key\n"
      "mode\tchk/user/orphan.key\tmode 0640: group or others may read or change it\n"
+     "weak\tchk/user/orphan.key\tkey file encrypted with Triple-DES and protected with 2048 PBKDF2 "
+     "iterations\n"
      "orphan-key\tchk/user/orphan.key\ta key without its certificate\n"
      "mode\tchk/user/q_at_x.tpk\tmode 0640: group or others may read or change it\n"
+     "weak\tchk/user/q_at_x.tpk\tkey file encrypted with Triple-DES and protected with 2048 PBKDF2 "
+     "iterations\n"
      "stale-request\tchk/user/q_at_x.tpk\ta request pending since 1970-01-01T00:00:00Z\n"
-     "expired\tchk/user/x.crt\texpired on " + kTime + "\n"},
-    {"!c --store chk check | cut -f1 | uniq -c | tr -s ' ' && c --store chk --json check --days 1 "
-     "| head -6", 0, " 2 unreadable\n 1 mode\n 1 no-key\n 1 mode\n 1 orphan-key\n 1 mode\n"
-     " 1 stale-request\n 1 expired\n[\n  {\n    \"kind\": \"unreadable\",\n    \"path\": "
+     "weak\tchk/user/t.key\tkey file encrypted with Triple-DES and protected with one MD5 round of "
+     "traditional PEM encryption\norphan-key\tchk/user/t.key\ta key without its certificate\n"
+     "expired\tchk/user/x.crt\texpired on " + kTime + "\n"
+     "weak\tchk/user/x.crt\tRSA 1024-bit key, signed with SHA-1\n"
+     "weak\tchk/user/x.key\tkey file not encrypted\n"},
+    {"!c --store chk check | cut -f1 | sort | uniq -c | tr -s ' ' && c --store chk --json check "
+     "--days 1 | head -6", 0, " 1 expired\n 3 mode\n 1 no-key\n 4 orphan-key\n 1 stale-request\n"
+     " 2 unreadable\n 11 weak\n[\n  {\n    \"kind\": \"unreadable\",\n    \"path\": "
      "\"chk/user/ca.crt\",\n    \"what\": \"not a certificate of this kind; the user filter passes "
      "it over\"\n  },\n"},
     // Bad input.
@@ -220,7 +248,13 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"--passin pas:" + kSecret + " show al@x", 64, "--passin takes"}, {"", 64, "is required"},
     {"frobnicate", 64, "unknown command 'frobnicate'"}, {"list --colour", 64, "--colour"},
     {"show", 64, "ID is required"}, {"--kind ab list", 64, "ab"}, {"rename . x", 64, "base name"},
-    {"--passin pass:pw self-signed", 64, "--email is required"}, {"expiring --days x", 64, "x"},
+    {"--passin pass:pw self-signed", 64, "--email is required"},
+    {"--passin pass:pw self-signed --email b@x --key rsa:1024", 64, "rsa:1024 not in"},
+    {"--passin pass:pw request --email b@x --key ec:P-521", 64, "ec:P-521"},
+    {"--passin pass:pw self-signed --email b@x --days 0", 64, "0 not in range 1 to 3650"},
+    {"--passin pass:pw self-signed --email b@x --days 3651", 64, "3651"},
+    {"--passin pass:pw self-signed --email b@x --key legacy --days 9", 64, "cannot go with --key"},
+    {"--passin pass:pw request --email b@x --days 9", 64, "--days"}, {"expiring --days x", 64, "x"},
     {"files user/al-2026", 64, "base name"}, {"rename al-2026 ..", 64, "base name"},
     {"--passin file:d self-signed --email b@x", 66, "password"},
     {"--passin file:none self-signed --email b@x", 66, "cannot read the password file"},

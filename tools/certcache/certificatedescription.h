@@ -1,8 +1,9 @@
-// What the tool tells about one certificate: names, serial, validity and
-// fingerprint, in the forms that its output promises.
+// What the tool tells about one certificate: names, serial, key, signature,
+// validity and fingerprint, in the forms that its output promises.
 #ifndef TAVIK_TOOLS_CERTCACHE_CERTIFICATEDESCRIPTION_H_
 #define TAVIK_TOOLS_CERTCACHE_CERTIFICATEDESCRIPTION_H_
 
+#include <openssl/evp.h>
 #include <openssl/x509.h>
 
 #include <ctime>
@@ -15,6 +16,8 @@ struct CertificateDescription {
   std::string subject;    // OpenSSL's one-line RFC 2253 form
   std::string issuer;     // likewise
   std::string serial;     // upper-case hex without colons
+  std::string publicKey;  // "RSA 3072", "EC P-256"; other kinds by OpenSSL's name and size
+  std::string signature;  // OpenSSL's long name of the algorithm, e.g. sha256WithRSAEncryption
   std::string notBefore;  // 2010-01-01T00:00:00Z
   std::string notAfter;
   std::time_t notBeforeTime = 0;
@@ -28,6 +31,11 @@ struct CertificateDescription {
 // (74) when a field cannot be read, which a certificate that OpenSSL decoded
 // does not normally give.
 CertificateDescription describeCertificate(X509* cert, std::time_t now);
+
+// What the kind and size of `key` (borrowed, not null) are called in the
+// description: "RSA 3072", "EC P-256", or OpenSSL's name of the kind and its
+// size in bits.
+std::string keyText(const EVP_PKEY* key);
 
 // Formats a time as 2010-01-01T00:00:00Z.
 std::string formatTime(std::time_t time);

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <iostream>
 #include <iterator>
+#include <memory>
 
 #include "toolerror.h"
 
@@ -13,10 +14,11 @@ namespace cli {
 namespace {
 
 const char kDescription[] =
-    "Keeps X.509 certificates and their password-protected RSA keys as PEM files in a "
-    "certificate store: lists, shows, checks and verifies them, makes self-signed pairs and "
-    "certificate requests, installs signed certificates, moves credentials in and out as "
-    "PKCS#12, renames and removes them.";
+    "Keeps X.509 certificates and their password-protected keys as PEM files in a certificate "
+    "store: lists, shows, checks and verifies them, makes self-signed pairs and certificate "
+    "requests, installs signed certificates, moves credentials in and out as PKCS#12, renames "
+    "and removes them. Options may stand before or after the command; certcache COMMAND --help "
+    "tells one command.";
 
 const char kExitStatuses[] =
     "Exit status:\n"
@@ -24,7 +26,8 @@ const char kExitStatuses[] =
     "  1-13     the cache's result code (2: a file exists, add --overwrite; 10: no pending\n"
     "           request for the certificate; 12: the password is empty)\n"
     "  20       expiring or check found something\n"
-    "  64       usage error, a needed password that was not given included\n"
+    "  64       usage error (a needed password that was not given, a --key or --days\n"
+    "           that the command does not take, included)\n"
     "  65       the input is not what the command needs (a certificate for another key,\n"
     "           a request given to install, a chain that does not verify)\n"
     "  66       an input file, password source, store root or location is missing or\n"
@@ -43,11 +46,20 @@ const char kExamples[] =
     "--out bob.csr\n"
     "  $ certcache --store /tmp/store --passin file:pw.txt install bob.crt\n"
     "  $ certcache --store /tmp/store check --days 60 || mail -s 'certificates' root\n"
-    "  $ certcache --store /tmp/store --passin env:PW export bob@example.org --out bob.p12\n"
-    "\n"
-    "Options may stand before or after the command; certcache COMMAND --help tells one "
-    "command.\n"
-    "\n";
+    "  $ certcache --store /tmp/store --passin env:PW export bob@example.org --out bob.p12\n";
+
+// The commands are what the tool is for, so its help names them before the
+// options; a manual page made from it keeps the order of a manual's sections.
+class CommandsFirst : public CLI::Formatter {
+ public:
+  CommandsFirst() { label("SUBCOMMAND", "COMMAND"); }
+  std::string make_help(const CLI::App* app, std::string name,
+                        CLI::AppFormatMode mode) const override {
+    if (mode == CLI::AppFormatMode::Sub) return make_expanded(app);
+    return make_description(app) + make_usage(app, name) + make_positionals(app) +
+           make_subcommands(app, mode) + make_groups(app, mode) + '\n' + make_footer(app);
+  }
+};
 
 // A command's own help page: what it is for, its options, one example, and
 // where the global options are told.
@@ -118,6 +130,35 @@ void addEmailOptions(CLI::App& command, Invocation& invocation, const char* verb
       ->type_name("S");
 }
 
+// The names --key takes for the profile's keys.
+const std::pair<const char*, CredentialChoice::Key> kKeyNames[] = {
+    {"rsa:2048", CredentialChoice::Key::rsa2048}, {"rsa:3072", CredentialChoice::Key::rsa3072},
+    {"rsa:4096", CredentialChoice::Key::rsa4096}, {"ec:P-256", CredentialChoice::Key::ecP256},
+    {"ec:P-384", CredentialChoice::Key::ecP384},
+};
+const char kLegacyKey[] = "legacy";
+
+void addKeyOption(CLI::App& command, Invocation& invocation) {
+  std::vector<std::string> names;
+  for (const auto& name : kKeyNames) names.push_back(name.first);
+  names.push_back(kLegacyKey);
+  command
+      .add_option_function<std::string>(
+          "--key",
+          [&invocation](const std::string& value) {
+            invocation.legacyKey = value == kLegacyKey;
+            for (const auto& name : kKeyNames) {
+              if (value == name.first) invocation.credential.key = name.second;
+            }
+          },
+          "The key to make: rsa:2048, rsa:3072, rsa:4096, ec:P-256 or ec:P-384, signed with "
+          "SHA-256 (SHA-384 with ec:P-384), in a key file under AES-256 and PBKDF2; or legacy: "
+          "RSA 1024, a SHA-1 request, a Triple-DES key file and the fixed self-signed "
+          "certificate, for stores shared with programs that expect those. Default: rsa:3072")
+      ->type_name("KEY")
+      ->check(oneOf(names));
+}
+
 void addIdArgument(CLI::App& command, Invocation& invocation) {
   command.add_option("ID", invocation.id, "The identifier, e.g. alice@example.org")->required();
 }
@@ -133,7 +174,8 @@ void addCommands(CLI::App& app, Invocation& invocation) {
                  "The requests waiting for a certificate instead: BASENAME<TAB>SINCE");
   describeCommand(*list, "--store /tmp/store list --long");
 
-  CLI::App* show = app.add_subcommand("show", "One certificate; with --passin its key is read too");
+  CLI::App* show = app.add_subcommand(
+      "show", "One certificate, its key type and signature; with --passin its key is read too");
   addIdArgument(*show, invocation);
   describeCommand(*show, "--store /tmp/store --json show alice@example.org");
 
@@ -144,30 +186,45 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   describeCommand(*files, "--store /tmp/store files alice_at_example.org");
 
   CLI::App* selfSigned = app.add_subcommand(
-      "self-signed", "Make a new key and a self-signed certificate for an e-mail address");
+      "self-signed",
+      "Make a new key (--key, default rsa:3072) and a self-signed certificate valid for --days "
+      "(default 365) for an e-mail address");
   addEmailOptions(*selfSigned, invocation, "of the certificate");
   selfSigned->add_flag("--overwrite", invocation.overwrite,
                        "Replace an existing key and certificate");
-  describeCommand(*selfSigned, "--passin env:PW self-signed --email alice@example.org");
+  addKeyOption(*selfSigned, invocation);
+  selfSigned
+      ->add_option("--days", invocation.credential.validityDays,
+                   "How many days from now the certificate is valid, 1 to 3650, e.g. --days 730; "
+                   "not with --key legacy, whose validity is fixed. Default: 365")
+      ->type_name("N")
+      ->check(CLI::Range(1, 3650).description(""));
+  describeCommand(
+      *selfSigned,
+      "--passin env:PW self-signed --email alice@example.org --key ec:P-256 --days 730");
 
   CLI::App* request = app.add_subcommand(
-      "request", "Make a new key and a certificate request; the key waits until install");
+      "request",
+      "Make a new key (--key, default rsa:3072) and a certificate request; the key waits until "
+      "install");
   addEmailOptions(*request, invocation, "to request a certificate for");
   request->add_flag("--overwrite", invocation.overwrite,
                     "Go on even though a key of that name exists or a request is pending, "
                     "replacing the pending key");
   request->add_flag("--no-temp-key", invocation.noTempKey,
                     "Store the key as the final key at once instead of a pending one");
+  addKeyOption(*request, invocation);
   addOutOption(*request, invocation, "the request's PEM to FILE instead of stdout");
   describeCommand(*request, "--passin file:pw.txt request --email bob@example.org --out bob.csr");
 
   CLI::App* renew = app.add_subcommand(
       "renew",
-      "A request with a new key for an installed certificate, under its base name; "
+      "A request with a new key (--key) for an installed certificate, under its base name; "
       "the installed pair keeps working until install --overwrite replaces both");
   addIdArgument(*renew, invocation);
   renew->add_flag("--overwrite", invocation.overwrite,
                   "Replace the key of a request that is already pending");
+  addKeyOption(*renew, invocation);
   addOutOption(*renew, invocation, "the request's PEM to FILE instead of stdout");
   describeCommand(*renew, "--passin file:pw.txt renew bob@example.org --out bob-2027.csr");
 
@@ -207,8 +264,8 @@ void addCommands(CLI::App& app, Invocation& invocation) {
       "check",
       "What needs a person: keys without certificate, certificates without key, stale "
       "requests, key files others may read, files the scan refuses, expired and due "
-      "certificates, and with --passin keys that are not their certificate's; exit 20 when "
-      "anything is found");
+      "certificates, weak keys, signatures and key-file protection, and with --passin keys "
+      "that are not their certificate's; exit 20 when anything is found");
   for (CLI::App* command : {expiring, check}) {
     command
         ->add_option("--days", invocation.days,
@@ -230,11 +287,15 @@ void addCommands(CLI::App& app, Invocation& invocation) {
 
   CLI::App* exportCommand = app.add_subcommand(
       "export",
-      "A certificate and its key as a PKCS#12 file (AES-256, PBKDF2 and a SHA-256 MAC) for "
-      "browsers and mail clients; --passin opens the key, --passout protects the file");
+      "A certificate and its key as a PKCS#12 file (AES-256, PBKDF2 and a SHA-256 MAC; "
+      "--legacy: Triple-DES and SHA-1) for browsers and mail clients; --passin opens the key, "
+      "--passout protects the file");
   addIdArgument(*exportCommand, invocation);
   addOutOption(*exportCommand, invocation, "the PKCS#12 file to FILE, e.g. --out alice.p12")
       ->required();
+  exportCommand->add_flag("--legacy", invocation.legacyPkcs12,
+                          "Protect key and certificate with PBE-SHA1-3DES and a SHA-1 MAC instead, "
+                          "for software that reads nothing newer (older mail clients and systems)");
   describeCommand(*exportCommand,
                   "--passin env:PW --passout env:P12PW export alice@example.org --out a.p12");
 
@@ -288,11 +349,13 @@ std::string raisedLevel(const std::string& level, int steps) {
 
 int parseCommandLine(int argc, char** argv, Invocation& invocation) {
   CLI::App app(kDescription, "certcache");
-  app.footer(std::string(kExamples) + kExitStatuses);
+  app.formatter(std::make_shared<CommandsFirst>());
+  app.footer(std::string(kExitStatuses) + '\n' + kExamples);
   app.require_subcommand(1);
   app.fallthrough();  // options of the tool also after the command
   addGlobalOptions(app, invocation);
   addCommands(app, invocation);
+  for (CLI::App* command : app.get_subcommands({})) command->group("Commands");
 
   try {
     app.parse(argc, argv);
@@ -309,6 +372,14 @@ int parseCommandLine(int argc, char** argv, Invocation& invocation) {
     return kExitUsage;
   }
   invocation.command = app.get_subcommands().front()->get_name();
+  // The legacy certificate's validity is fixed, so a --days beside it would be
+  // silently ignored.
+  if (invocation.legacyKey && invocation.command == "self-signed" &&
+      app.get_subcommands().front()->count("--days") > 0) {
+    std::cerr << "certcache: --days cannot go with --key legacy, whose certificate is valid from "
+                 "2010 to 2037 (see certcache --help)\n";
+    return kExitUsage;
+  }
   invocation.logLevel = raisedLevel(invocation.logLevel, invocation.verbosity);
   return -1;
 }

@@ -6,6 +6,7 @@
 
 #include "base/certificate.h"
 #include "base/filename.h"
+#include "cachecalls.h"
 #include "certificatedescription.h"
 #include "inspectcommands.h"
 #include "installcommand.h"
@@ -32,34 +33,6 @@ void checkBaseName(const std::string& baseName) {
                                     "or .., and hold no / or NUL");
   }
 }
-
-}  // namespace
-
-void failOnResult(int result, const std::string& what) {
-  if (result != CertFileCache::kDone) throw ToolError(result, what + ": " + describeResult(result));
-}
-
-// Reads a certificate alone, without its key: by the index's base name, the
-// file in the root, and the certificate factory.
-std::shared_ptr<Certificate> readCertificateAlone(const CertFileCache& cache, const std::string& id,
-                                                  std::string& baseName) {
-  baseName = cache.getFileBaseName(id);
-  if (baseName.empty()) {
-    throw ToolError(lookupExitStatus(CertFileCache::kNotInIndex),
-                    describeLookupError(CertFileCache::kNotInIndex, id));
-  }
-  std::string keyFile;
-  std::string certFile;
-  failOnResult(cache.getFileInfo(baseName, keyFile, certFile), "'" + id + "'");
-  std::shared_ptr<Certificate> certificate = Certificate::createFromFile(certFile, true);
-  if (!certificate || certificate->getX509() == nullptr) {
-    throw ToolError(lookupExitStatus(CertFileCache::kCertUnreadable),
-                    describeLookupError(CertFileCache::kCertUnreadable, id));
-  }
-  return certificate;
-}
-
-namespace {
 
 int listCommand(const Invocation& invocation, std::ostream& out) {
   StoreSession session(invocation.store, StoreAccess::kRead);

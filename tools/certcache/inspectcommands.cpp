@@ -7,7 +7,7 @@
 #include <ctime>
 
 #include "base/opensslutil.h"
-#include "commands.h"
+#include "cachecalls.h"
 #include "output.h"
 #include "passwordsource.h"
 #include "storecheck.h"

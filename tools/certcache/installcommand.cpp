@@ -7,9 +7,9 @@
 #include <fstream>
 #include <iostream>
 
+#include "cachecalls.h"
 #include "certificatedescription.h"
 #include "certificateinput.h"
-#include "commands.h"
 #include "installtarget.h"
 #include "passwordsource.h"
 #include "storefiles.h"

@@ -1,6 +1,7 @@
-// Reading a store's key file with its password and telling whether a key is a
-// certificate's: what the tool checks before it puts a certificate beside a
-// key, and what `check` looks at in a store.
+// Reading a store's key file with its password, telling whether a key is a
+// certificate's, and judging a key file's protection without the password:
+// what the tool checks before it puts a certificate beside a key, and what
+// `check` looks at in a store.
 #ifndef TAVIK_TOOLS_CERTCACHE_KEYFILE_H_
 #define TAVIK_TOOLS_CERTCACHE_KEYFILE_H_
 
@@ -21,6 +22,13 @@ PkeyHandle readKeyFile(const std::string& path, const std::string& password);
 
 // True when `key` is the key of `certificate` (null: false).
 bool isKeyOf(X509* certificate, const EVP_PKEY* key);
+
+// What is weak about the protection of the PEM key file `path`, read without
+// its password: the words after "key file", e.g. "encrypted with Triple-DES and
+// protected with 2048 PBKDF2 iterations", or "not encrypted". Empty when the
+// protection is strong enough, and for a file that cannot be read or holds no
+// PEM block, which other checks report.
+std::string keyFileWeakness(const std::string& path);
 
 }  // namespace cli
 }  // namespace tavik

@@ -49,6 +49,8 @@ void printShow(std::ostream& out, const ShowRecord& record, bool json) {
                         {"subject", cert.subject},
                         {"issuer", cert.issuer},
                         {"serial", cert.serial},
+                        {"public_key", cert.publicKey},
+                        {"signature", cert.signature},
                         {"not_before", cert.notBefore},
                         {"not_after", cert.notAfter},
                         {"expired", cert.expired},
@@ -62,6 +64,8 @@ void printShow(std::ostream& out, const ShowRecord& record, bool json) {
       << "subject: " << cert.subject << '\n'
       << "issuer: " << cert.issuer << '\n'
       << "serial: " << cert.serial << '\n'
+      << "public_key: " << cert.publicKey << '\n'
+      << "signature: " << cert.signature << '\n'
       << "not_before: " << cert.notBefore << '\n'
       << "not_after: " << cert.notAfter << '\n'
       << "expired: " << boolText(cert.expired) << '\n'

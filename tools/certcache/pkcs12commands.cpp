@@ -12,7 +12,6 @@
 #include "base/filedescriptor.h"
 #include "base/opensslutil.h"
 #include "certificateinput.h"
-#include "commands.h"
 #include "keyfile.h"
 #include "passwordsource.h"
 #include "resultwords.h"
@@ -59,14 +58,26 @@ std::string secondPassword(const Invocation& invocation, const std::string& firs
   return second;
 }
 
+// How a PKCS#12 file is protected: the bags' algorithm and the MAC's digest.
+struct Pkcs12Protection {
+  int bags;
+  const EVP_MD* (*mac)();
+};
+
+// AES-256 under PBKDF2, which every current reader takes; with `legacy`,
+// Triple-DES under the PKCS#12 derivation for both bags (RC2, the other old
+// choice, is gone from OpenSSL's default provider) and a SHA-1 MAC.
 Pkcs12Ptr makePkcs12(const std::string& name, X509* certificate, EVP_PKEY* key,
-                     const std::string& password) {
+                     const std::string& password, bool legacy) {
+  const Pkcs12Protection protection =
+      legacy ? Pkcs12Protection{NID_pbe_WithSHA1And3_Key_TripleDES_CBC, EVP_sha1}
+             : Pkcs12Protection{NID_aes_256_cbc, EVP_sha256};
   // No MAC at first: PKCS12_create would take SHA-1 for it.
   Pkcs12Ptr container(PKCS12_create_ex(password.c_str(), name.c_str(), key, certificate, nullptr,
-                                       NID_aes_256_cbc, NID_aes_256_cbc, kIterations, -1, 0,
+                                       protection.bags, protection.bags, kIterations, -1, 0,
                                        nullptr, nullptr));
   if (!container || PKCS12_set_mac(container.get(), password.c_str(), -1, nullptr, 0, kIterations,
-                                   EVP_sha256()) != 1) {
+                                   protection.mac()) != 1) {
     ERR_clear_error();
     throw ToolError(kExitIoError, "cannot make the PKCS#12 file");
   }
@@ -186,8 +197,14 @@ int exportCommand(const Invocation& invocation, std::ostream& out) {
     throw ToolError(lookupExitStatus(errorCode), describeLookupError(errorCode, invocation.id));
   }
   const Pkcs12Ptr container =
-      makePkcs12(invocation.id, credential->getX509(), credential->getPrivateKey(), filePassword);
+      makePkcs12(invocation.id, credential->getX509(), credential->getPrivateKey(), filePassword,
+                 invocation.legacyPkcs12);
   replaceFile(invocation.outFile, encodeDer<PKCS12, i2d_PKCS12>(container.get()));
+  if (invocation.legacyPkcs12) {
+    std::cerr << "certcache: export: " << invocation.outFile
+              << " is protected with Triple-DES and a SHA-1 MAC only, for software that reads "
+                 "nothing newer\n";
+  }
   out << "wrote the certificate and key of " << invocation.id << " to " << invocation.outFile
       << '\n';
   return kExitOk;

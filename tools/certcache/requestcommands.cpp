@@ -9,7 +9,7 @@
 #include <ostream>
 
 #include "base/stringutil.h"
-#include "commands.h"
+#include "cachecalls.h"
 #include "passwordsource.h"
 #include "safeguards.h"
 #include "storefiles.h"

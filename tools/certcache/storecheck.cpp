@@ -1,5 +1,9 @@
 #include "storecheck.h"
 
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/objects.h>
+#include <openssl/x509.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -41,7 +45,36 @@ void checkKeyFile(const std::string& path, const struct stat& status,
     findings.push_back(
         {"mode", path, std::string("mode ") + mode + ": group or others may read or change it"});
   }
-  if (status.st_size == 0) findings.push_back({"unreadable", path, "the key file is empty"});
+  if (status.st_size == 0) {
+    findings.push_back({"unreadable", path, "the key file is empty"});
+    return;
+  }
+  const std::string weakness = keyFileWeakness(path);
+  if (!weakness.empty()) findings.push_back({"weak", path, "key file " + weakness});
+}
+
+// What today's software refuses or an attacker can forge: an RSA key under
+// 2048 bits, a signature over a SHA-1 or MD5 digest. Empty when neither.
+std::string certificateWeakness(X509* certificate) {
+  std::string weakness;
+  const EVP_PKEY* key = X509_get0_pubkey(certificate);
+  if (key != nullptr && (EVP_PKEY_is_a(key, "RSA") || EVP_PKEY_is_a(key, "RSA-PSS")) &&
+      EVP_PKEY_get_bits(key) < 2048) {
+    weakness = "RSA " + std::to_string(EVP_PKEY_get_bits(key)) + "-bit key";
+  }
+  // The signature information also knows the digest of an RSA-PSS signature;
+  // for a certificate whose extensions OpenSSL refuses, the algorithm's name
+  // alone tells it.
+  int digest = NID_undef;
+  if (X509_get_signature_info(certificate, &digest, nullptr, nullptr, nullptr) != 1) {
+    OBJ_find_sigid_algs(X509_get_signature_nid(certificate), &digest, nullptr);
+  }
+  ERR_clear_error();
+  const char* digestName = digest == NID_sha1 ? "SHA-1" : digest == NID_md5 ? "MD5" : nullptr;
+  if (digestName != nullptr) {
+    weakness += (weakness.empty() ? "signed with " : ", signed with ") + std::string(digestName);
+  }
+  return weakness;
 }
 
 void checkCertificate(const Credential& files, CertificateFilter& filter, const CheckRules& rules,
@@ -64,6 +97,8 @@ void checkCertificate(const Credential& files, CertificateFilter& filter, const 
   } else if (description.notAfterTime <= rules.now + rules.days * kDay) {
     findings.push_back({"due", path, "expires on " + description.notAfter});
   }
+  const std::string weakness = certificateWeakness(certificate->getX509());
+  if (!weakness.empty()) findings.push_back({"weak", path, weakness});
   if (files.key.empty()) {
     if (rules.withKeys) findings.push_back({"no-key", path, "a certificate without its key"});
     return;

@@ -14,7 +14,7 @@ namespace tavik {
 namespace cli {
 
 struct Finding {
-  // orphan-key, no-key, stale-request, mode, unreadable, expired, due, mismatch
+  // orphan-key, no-key, stale-request, mode, unreadable, expired, due, weak, mismatch
   std::string kind;
   std::string path;
   std::string what;  // in words, for the person who reads it
