@@ -120,7 +120,7 @@ def syscalls(side):  # calls by name, and "total", from strace -c
 
 section("System calls of one opening", "strace -c of one opening of the store of %d, start-up included." % small)
 cache_calls, bare_calls = syscalls("cache"), syscalls("openssl")
-top = sorted(set(cache_calls) | set(bare_calls), key=lambda k: -cache_calls.get(k, 0) - bare_calls.get(k, 0))
+top = sorted(set(cache_calls) | set(bare_calls), key=lambda k: (-cache_calls.get(k, 0) - bare_calls.get(k, 0), k))
 table(["calls per certificate", "cache", "bare OpenSSL loop"],
       [(k, r(cache_calls.get(k, 0) / small, 2), r(bare_calls.get(k, 0) / small, 2)) for k in top[:8]]
       if cache_calls and bare_calls else [])
