@@ -1,6 +1,7 @@
 // The benchmark program. Every figure is a paired run (pairedrun.h): one of the
 // cache's operations against the bare OpenSSL steps that do the same job, or
-// the cache's opening of a store against a peer library reading the same files.
+// the cache's opening of a store against a peer library reading the same files,
+// or lookups over profile key files against lookups over the original ones.
 // Besides Google Benchmark's own flags it takes
 //   --stores=DIR              where tavik_bench_generate made the stores (required)
 //   --sizes=N,N,...           the store sizes to measure (default 1000,10000,100000)
@@ -30,6 +31,7 @@
 #include "base/opensslutil.h"
 #include "benchstore.h"
 #include "crypto/certificatefilecache.h"
+#include "crypto/credentialprofile.h"
 #include "deterministicrandom.h"
 #include "pairedrun.h"
 
@@ -275,6 +277,73 @@ void registerCreation(const Options& options, bool request) {
   });
 }
 
+// ---- Lookups with profile key files
+
+// How many certificates of the smallest store the key-file stores hold: one
+// for each of its subject keys, so that every lookup of a round decrypts a
+// different key file.
+constexpr int kKdfCertificates = 4;
+
+// A scratch store holding the first kKdfCertificates certificates of the
+// smallest store, their key files written anew by the cache: under `profile`
+// (AES-256-CBC, PBKDF2-HMAC-SHA256 at its iterations) or, when null, as the
+// original key files (Triple-DES, OpenSSL's default PBKDF2 iterations). The
+// keys are the store's RSA 1024 keys. "" when a file cannot be made.
+std::string keyFileStore(const Options& options, const std::string& name,
+                         const CredentialProfile* profile) {
+  const fs::path source = fs::path(storeRoot(options.storesDir, options.sizes.front())) / "user";
+  const std::string root = scratchRoot(options, name);
+  OpenCache writer(root);
+  for (int i = 0; i < kKdfCertificates; ++i) {
+    const std::string base = certificateBaseName(static_cast<std::size_t>(i));
+    const fs::path target = fs::path(root) / "user" / base;
+    std::error_code copyError;
+    fs::copy_file(fs::path(source / base).concat(".crt"), fs::path(target).concat(".crt"),
+                  fs::copy_options::overwrite_existing, copyError);
+    BioPtr bio(BIO_new_file(fs::path(source / base).concat(".key").c_str(), "r"));
+    PkeyHandle key(bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr,
+                                                 const_cast<char*>(kStorePassword))
+                       : nullptr);
+    const std::string keyFile = fs::path(target).concat(".key").string();
+    if (copyError || !key ||
+        (profile != nullptr
+             ? writer.cache.writePrivateKey(keyFile, kStorePassword, key.get(), *profile)
+             : writer.cache.writePrivateKey(keyFile, kStorePassword, key.get())) != 0) {
+      return "";
+    }
+  }
+  return root;
+}
+
+// getCertificate with key over profile key files at `iterations` against the
+// same lookups over the original key files of the same certificates: what a
+// lookup costs an embedder who chooses the profile's kdfIterations. A lookup
+// at 100,000 iterations takes some twenty milliseconds, hence few a round.
+void registerProfileKeyLookup(const Options& options, int iterations) {
+  constexpr int kPerRound = kKdfCertificates;
+  registerPair("Pair/LookupKdf/" + std::to_string(iterations), 21, kPerRound, [=] {
+    CredentialProfile profile;
+    profile.kdfIterations = iterations;
+    const std::string profileRoot =
+        keyFileStore(options, "kdf-" + std::to_string(iterations), &profile);
+    const std::string originalRoot = keyFileStore(options, "kdf-original", nullptr);
+    if (profileRoot.empty() || originalRoot.empty()) {
+      const Side failing = [](int) { return false; };
+      return std::make_pair(failing, failing);
+    }
+    const auto profileCache = std::make_shared<OpenCache>(profileRoot);
+    const auto originalCache = std::make_shared<OpenCache>(originalRoot);
+    const auto lookups = [](std::shared_ptr<OpenCache> open) {
+      return units(kPerRound, [open](int, int k) {
+        int errorCode = -1;
+        return open->cache.getCertificate(certificateEmail(static_cast<std::size_t>(k)),
+                                          kStorePassword, errorCode, false) != nullptr;
+      });
+    };
+    return std::make_pair(lookups(profileCache), lookups(originalCache));
+  });
+}
+
 // ---- Options
 
 bool takeOption(const std::string& arg, const std::string& name, std::string& value) {
@@ -336,6 +405,7 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 64;
   for (std::size_t size : options.sizes) registerOpening(options, size);
   for (std::size_t size : options.sizes) registerLookup(options, size);
+  for (int iterations : {100000, 10000}) registerProfileKeyLookup(options, iterations);
   registerCreation(options, false);
   registerCreation(options, true);
   benchmark::RunSpecifiedBenchmarks();
