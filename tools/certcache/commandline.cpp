@@ -131,10 +131,10 @@ void addEmailOptions(CLI::App& command, Invocation& invocation, const char* verb
 }
 
 // The names --key takes for the profile's keys.
-const std::pair<const char*, CredentialChoice::Key> kKeyNames[] = {
-    {"rsa:2048", CredentialChoice::Key::rsa2048}, {"rsa:3072", CredentialChoice::Key::rsa3072},
-    {"rsa:4096", CredentialChoice::Key::rsa4096}, {"ec:P-256", CredentialChoice::Key::ecP256},
-    {"ec:P-384", CredentialChoice::Key::ecP384},
+const std::pair<const char*, CredentialProfile::Key> kKeyNames[] = {
+    {"rsa:2048", CredentialProfile::Key::rsa2048}, {"rsa:3072", CredentialProfile::Key::rsa3072},
+    {"rsa:4096", CredentialProfile::Key::rsa4096}, {"ec:P-256", CredentialProfile::Key::ecP256},
+    {"ec:P-384", CredentialProfile::Key::ecP384},
 };
 const char kLegacyKey[] = "legacy";
 

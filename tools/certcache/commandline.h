@@ -5,19 +5,11 @@
 
 #include <string>
 
+#include "crypto/credentialprofile.h"
 #include "storesession.h"
 
 namespace tavik {
 namespace cli {
-
-// The credentials that self-signed, request and renew make, as --key and
-// --days name them; the same fields as the library's CredentialProfile, which
-// takes them when those commands make credentials through it.
-struct CredentialChoice {
-  enum class Key { rsa2048, rsa3072, rsa4096, ecP256, ecP384 };
-  Key key = Key::rsa3072;
-  int validityDays = 365;  // self-signed only; 1 to 3650
-};
 
 // Everything one run of the tool was asked to do.
 struct Invocation {
@@ -44,9 +36,9 @@ struct Invocation {
   std::string caFile;     // verify --ca
   bool overwrite = false;
   bool noTempKey = false;
-  bool legacyPkcs12 = false;    // export --legacy
-  bool legacyKey = false;       // --key legacy: the cache's members without a profile make them
-  CredentialChoice credential;  // self-signed, request, renew: --key and self-signed --days
+  bool legacyPkcs12 = false;     // export --legacy
+  bool legacyKey = false;        // --key legacy: the cache's members without a profile make them
+  CredentialProfile credential;  // self-signed, request, renew, import: --key, self-signed --days
   int days = 30;
 };
 

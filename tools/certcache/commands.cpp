@@ -94,9 +94,13 @@ int selfSignedCommand(const Invocation& invocation, std::ostream& out) {
   const std::string password = readPassword(invocation.passin, true);
   StoreSession session(invocation.store, StoreAccess::kCreate);
   const int flags = invocation.overwrite ? CertFileCache::overwriteExisting : 0;
-  failOnResult(session.cache().createSelfSignedKeyPair(invocation.subject, invocation.email,
-                                                       password, flags),
-               "no self-signed pair made for '" + invocation.email + "'");
+  CertFileCache& cache = session.cache();
+  failOnResult(
+      invocation.legacyKey
+          ? cache.createSelfSignedKeyPair(invocation.subject, invocation.email, password, flags)
+          : cache.createSelfSignedKeyPair(invocation.subject, invocation.email, password, flags,
+                                          invocation.credential),
+      "no self-signed pair made for '" + invocation.email + "'");
   out << "made a key and a self-signed certificate for " << invocation.email << '\n';
   return kExitOk;
 }

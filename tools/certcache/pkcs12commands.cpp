@@ -171,7 +171,7 @@ void writePair(StoreSession& session, const std::string& baseName, X509* certifi
   const std::string newCert = storeFile(directory, baseName, kNewCertExtension);
   CertFileCache& cache = session.cache();
   const bool written =
-      cache.writePrivateKey(newKey, password, key) == CertFileCache::kDone &&
+      cache.writePrivateKey(newKey, password, key, CredentialProfile()) == CertFileCache::kDone &&
       cache.writeCert(newCert, certificate) == CertFileCache::kDone &&
       cache.renameFile(baseName, kNewKeyExtension, baseName, kKeyExtension, false) &&
       cache.renameFile(baseName, kNewCertExtension, baseName, kCertExtension, false);

@@ -67,7 +67,10 @@ int makeRequest(StoreSession& session, const std::string& subject, const std::st
   std::unique_ptr<RequestOutput> file;
   if (!invocation.outFile.empty()) file = std::make_unique<RequestOutput>(invocation.outFile);
   std::string csr;
-  failOnResult(session.cache().createCsr(subject, email, password, flags, csr),
+  CertFileCache& cache = session.cache();
+  failOnResult(invocation.legacyKey
+                   ? cache.createCsr(subject, email, password, flags, csr)
+                   : cache.createCsr(subject, email, password, flags, csr, invocation.credential),
                "no request made for '" + email + "'");
   if (!file) {
     out << csr;
