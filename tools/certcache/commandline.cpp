@@ -258,14 +258,21 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   addIdArgument(*remove, invocation);
   describeCommand(*remove, "remove alice@example.org");
 
+  CLI::App* recover = app.add_subcommand(
+      "recover",
+      "Complete a change that a killed or crashed run left unfinished (any other command "
+      "but check does this first by itself)");
+  describeCommand(*recover, "recover");
+
   CLI::App* expiring = app.add_subcommand(
       "expiring", "What has expired or expires within N days; exit 20 when there is any");
   CLI::App* check = app.add_subcommand(
       "check",
       "What needs a person: keys without certificate, certificates without key, stale "
       "requests, key files others may read, files the scan refuses, expired and due "
-      "certificates, weak keys, signatures and key-file protection, and with --passin keys "
-      "that are not their certificate's; exit 20 when anything is found");
+      "certificates, weak keys, signatures and key-file protection, a change a dead run left "
+      "unfinished, and with --passin keys that are not their certificate's; exit 20 when "
+      "anything is found");
   for (CLI::App* command : {expiring, check}) {
     command
         ->add_option("--days", invocation.days,

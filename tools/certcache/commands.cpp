@@ -16,6 +16,7 @@
 #include "requestcommands.h"
 #include "resultwords.h"
 #include "safeguards.h"
+#include "storecommit.h"
 #include "storefiles.h"
 #include "toolerror.h"
 
@@ -93,14 +94,26 @@ int selfSignedCommand(const Invocation& invocation, std::ostream& out) {
   }
   const std::string password = readPassword(invocation.passin, true);
   StoreSession session(invocation.store, StoreAccess::kCreate);
-  const int flags = invocation.overwrite ? CertFileCache::overwriteExisting : 0;
-  CertFileCache& cache = session.cache();
+  const std::string what = "no self-signed pair made for '" + invocation.email + "'";
+  const std::string baseName = subjectToFilename(invocation.subject, invocation.email);
+  StoreCommit commit(session.root(), session.filter().subdirectory());
+  // The library refuses an existing key unless asked to replace it; the staging
+  // place is empty, so the store is asked here.
+  if (!invocation.overwrite && !baseName.empty() &&
+      entryExists(commit.stored(baseName, kKeyExtension))) {
+    failOnResult(CertFileCache::kExists, what);
+  }
+  CertFileCache& cache = commit.cache(session.sharedFilter(), session.withKeys());
+  const int flags = CertFileCache::overwriteExisting;
   failOnResult(
       invocation.legacyKey
           ? cache.createSelfSignedKeyPair(invocation.subject, invocation.email, password, flags)
           : cache.createSelfSignedKeyPair(invocation.subject, invocation.email, password, flags,
                                           invocation.credential),
-      "no self-signed pair made for '" + invocation.email + "'");
+      what);
+  for (const char* extension : {kKeyExtension, kCertExtension})
+    commit.rename(commit.staged(baseName, extension), commit.stored(baseName, extension));
+  commit.commit();
   out << "made a key and a self-signed certificate for " << invocation.email << '\n';
   return kExitOk;
 }
@@ -119,17 +132,43 @@ int renameCommand(const Invocation& invocation, std::ostream& out) {
   checkBaseName(invocation.newBaseName);
   StoreSession session(invocation.store, StoreAccess::kChange);
   if (!invocation.overwrite) refuseExistingFiles(session.directory(), invocation.newBaseName);
-  failOnResult(session.cache().renameCert(invocation.baseName, invocation.newBaseName),
-               "'" + invocation.baseName + "' was not renamed");
+  StoreCommit commit(session.root(), session.filter().subdirectory());
+  if (!entryExists(commit.stored(invocation.baseName, kCertExtension))) {
+    throw ToolError(CertFileCache::kFailed,
+                    "'" + invocation.baseName + "' was not renamed: it has no certificate file");
+  }
+  for (const char* extension : {kCertExtension, kKeyExtension, kTempKeyExtension}) {
+    commit.rename(commit.stored(invocation.baseName, extension),
+                  commit.stored(invocation.newBaseName, extension));
+  }
+  commit.commit();
   out << "renamed " << invocation.baseName << " to " << invocation.newBaseName << '\n';
   return kExitOk;
 }
 
 int removeCommand(const Invocation& invocation, std::ostream& out) {
   StoreSession session(invocation.store, StoreAccess::kChange);
-  failOnResult(session.cache().removeCert(invocation.id),
-               "'" + invocation.id + "' was not removed");
+  const std::string what = "'" + invocation.id + "' was not removed";
+  const std::string baseName = session.cache().getFileBaseName(invocation.id);
+  if (baseName.empty()) failOnResult(CertFileCache::kUnknownId, what);
+  StoreCommit commit(session.root(), session.filter().subdirectory());
+  // As the library's removal: the certificate file of the root goes, or nothing does.
+  if (!entryExists(commit.stored(baseName, kCertExtension))) {
+    throw ToolError(CertFileCache::kFailed, what +
+                                                ": the store's root has no certificate file "
+                                                "for it");
+  }
+  for (const char* extension : {kCertExtension, kKeyExtension, kTempKeyExtension})
+    commit.remove(commit.stored(baseName, extension));
+  commit.commit();
   out << "removed " << invocation.id << '\n';
+  return kExitOk;
+}
+
+int recoverCommand(const Invocation& invocation, std::ostream& out) {
+  // A changing session completes whatever it finds before it does anything else.
+  StoreSession session(invocation.store, StoreAccess::kChange);
+  out << "nothing is left unfinished in " << session.root() << '\n';
   return kExitOk;
 }
 
@@ -177,6 +216,7 @@ int runCommand(const Invocation& invocation, std::ostream& out) {
   if (command == "install") return installCommand(invocation, out);
   if (command == "rename") return renameCommand(invocation, out);
   if (command == "remove") return removeCommand(invocation, out);
+  if (command == "recover") return recoverCommand(invocation, out);
   if (command == "expiring") return expiringCommand(invocation, out);
   if (command == "check") return checkCommand(invocation, out);
   if (command == "verify") return verifyCommand(invocation, out);

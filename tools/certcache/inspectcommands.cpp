@@ -11,6 +11,7 @@
 #include "output.h"
 #include "passwordsource.h"
 #include "storecheck.h"
+#include "storecommit.h"
 #include "toolerror.h"
 
 namespace tavik {
@@ -72,14 +73,21 @@ std::string verifyChain(X509_STORE* authorities, X509* certificate) {
 int checkCommand(const Invocation& invocation, std::ostream& out) {
   const bool withPassword = !invocation.passin.empty();
   const std::string password = withPassword ? readPassword(invocation.passin, false) : "";
-  StoreSession session(invocation.store, StoreAccess::kRead);
+  StoreSession session(invocation.store, StoreAccess::kInspect);
   CheckRules rules;
   rules.withKeys = session.withKeys();
   rules.now = std::time(nullptr);
   rules.days = invocation.days;
   if (withPassword && session.withKeys()) rules.password = &password;
 
+  // A change that a dead run left is reported, not completed: the person
+  // running check wants to see the store as it is.
   std::vector<Finding> findings;
+  for (const std::string& path : StoreCommit::leftovers(session.root())) {
+    findings.push_back({"interrupted", path,
+                        "a change an earlier run left unfinished; any changing command or "
+                        "certcache recover completes it"});
+  }
   for (const std::string& directory : session.directories()) {
     std::vector<Finding> found = checkDirectory(directory, session.filter(), rules);
     findings.insert(findings.end(), found.begin(), found.end());

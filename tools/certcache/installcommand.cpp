@@ -1,5 +1,7 @@
 #include "installcommand.h"
 
+#include <unistd.h>
+
 #include <boost/filesystem/operations.hpp>
 #include <cerrno>
 #include <cstring>
@@ -12,6 +14,7 @@
 #include "certificateinput.h"
 #include "installtarget.h"
 #include "passwordsource.h"
+#include "storecommit.h"
 #include "storefiles.h"
 #include "toolerror.h"
 
@@ -23,10 +26,6 @@ namespace {
 // No certificate comes near this; the library refuses larger text anyway, so
 // reading stops here rather than taking in an endless stream.
 constexpr std::size_t kMaxCertificateBytes = std::size_t{1024} * 1024;
-
-// Where a re-issued certificate is written before it is renamed over the
-// installed one. Its extension is none that a scan of the store reads.
-const char kNewCertExtension[] = ".crt.new";
 
 std::string readInput(const std::string& file) {
   std::ifstream stream;
@@ -68,21 +67,6 @@ void refuseReplacing(StoreSession& session, const InstallTarget& target) {
                            : "it with this one for the same key)"));
 }
 
-// The pair stays whole at every moment: the new certificate is written beside
-// the installed one and renamed over it.
-void replaceBesideInstalledKey(StoreSession& session, const InstallTarget& target) {
-  const std::string& baseName = target.baseName;
-  const std::string newFile = storeFile(session.directory(), baseName, kNewCertExtension);
-  if (session.cache().writeCert(newFile, target.certificate->getX509()) != CertFileCache::kDone ||
-      !session.cache().renameFile(baseName, kNewCertExtension, baseName, kCertExtension, false)) {
-    boost::system::error_code ignored;
-    boost::filesystem::remove(newFile, ignored);
-    throw ToolError(
-        CertFileCache::kFailed,
-        "the certificate was not installed (the error logged before this line says why)");
-  }
-}
-
 void nameWhatWasLeftOut(const CertificateInput& input, const Certificate& installed) {
   const std::time_t now = std::time(nullptr);
   for (const std::shared_ptr<Certificate>& certificate : input.certificates) {
@@ -112,14 +96,36 @@ int installCommand(const Invocation& invocation, std::ostream& out) {
   } else {
     // No key to compare with: the cache's own refusal of an existing file is all.
     target.certificate = firstAccepted(input, session.filter());
+    target.baseName =
+        subjectToFilename(invocation.id, session.filter().certificateId(target.certificate));
   }
-  if (target.route == InstallRoute::kInstalledKey) {
-    replaceBesideInstalledKey(session, target);
-  } else {
-    failOnResult(session.cache().saveCert(invocation.id, base64Of(*target.certificate),
-                                          invocation.overwrite),
-                 "the certificate was not installed");
+  // The library installs in the staging place as it would in the store: the
+  // certificate, and the pending key promoted beside it (linked in, so that
+  // the store's own stays where it is until the commit).
+  const std::string what = "the certificate was not installed";
+  const std::string& baseName = target.baseName;
+  StoreCommit commit(session.root(), session.filter().subdirectory());
+  const bool promote = withKeys && target.route == InstallRoute::kPendingKey;
+  if (promote) {
+    const std::string pending = commit.stored(baseName, kTempKeyExtension);
+    if (::link(pending.c_str(), commit.staged(baseName, kTempKeyExtension).c_str()) != 0) {
+      throw ToolError(CertFileCache::kKeyNotPromoted,
+                      "cannot take up the pending key " + pending + ": " + std::strerror(errno));
+    }
+  } else if (!invocation.overwrite && entryExists(commit.stored(baseName, kCertExtension))) {
+    failOnResult(CertFileCache::kExists, what);  // refused as the library refuses it
   }
+  // A re-issue goes beside the installed key, which stays: a cache without keys writes
+  // the certificate alone.
+  failOnResult(commit.cache(session.sharedFilter(), promote)
+                   .saveCert(invocation.id, base64Of(*target.certificate), true),
+               what);
+  commit.rename(commit.staged(baseName, kCertExtension), commit.stored(baseName, kCertExtension));
+  if (promote) {
+    commit.rename(commit.staged(baseName, kKeyExtension), commit.stored(baseName, kKeyExtension));
+    commit.remove(commit.stored(baseName, kTempKeyExtension));
+  }
+  commit.commit();
   nameWhatWasLeftOut(input, *target.certificate);
   out << "installed the certificate\n";
   return kExitOk;

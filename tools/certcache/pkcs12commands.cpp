@@ -2,10 +2,14 @@
 
 #include <openssl/err.h>
 #include <openssl/pkcs12.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 
 #include "base/filecontents.h"
@@ -15,6 +19,7 @@
 #include "keyfile.h"
 #include "passwordsource.h"
 #include "resultwords.h"
+#include "storecommit.h"
 #include "storefiles.h"
 #include "toolerror.h"
 
@@ -34,11 +39,6 @@ using CertificatesPtr = OpenSSLPtr<STACK_OF(X509), freeCertificates>;
 // PBKDF2 over SHA-256 for the bags and the MAC alike; ten times the least that
 // the file's readers are promised, which costs a fraction of a second.
 constexpr int kIterations = 100000;
-
-// Where a file is written before it is renamed into place; its extensions are
-// none that a scan of the store reads.
-const char kNewKeyExtension[] = ".key.new";
-const char kNewCertExtension[] = ".crt.new";
 
 void refuseKeylessStore(const Invocation& invocation) {
   if (!invocation.store.withKeys) {
@@ -84,17 +84,53 @@ Pkcs12Ptr makePkcs12(const std::string& name, X509* certificate, EVP_PKEY* key,
   return container;
 }
 
-// Writes `bytes` beside `path` and renames them over it, so that the file is
-// whole or as it was; it is readable by its owner alone, as a key is.
-void replaceFile(const std::string& path, const std::string& bytes) {
-  std::string temporary = path + ".XXXXXX";
-  const FileDescriptor created(::mkstemp(&temporary[0]));
-  if (!created.isOpen()) throw ToolError(kExitIoError, "cannot write beside " + path);
+// The file being written beside an output, for the signal handler below.
+char besideOutput[4096];
+
+// An export stopped by a signal takes its unfinished file with it.
+extern "C" void removeUnfinished(int signal) {
+  if (besideOutput[0] != '\0') ::unlink(besideOutput);
+  std::signal(signal, SIG_DFL);
+  std::raise(signal);
+}
+
+// What an export that died left beside `path`: its unfinished files, named
+// path.certcache-XXXXXX. Any of them that belongs to this user goes.
+void removeUnfinishedBeside(const std::string& path) {
+  const fs::path output = fs::absolute(path);
+  const std::string prefix = output.filename().string() + ".certcache-";
   boost::system::error_code error;
-  if (!writeWholeFile(temporary, bytes, 0600) || (fs::rename(temporary, path, error), error)) {
-    fs::remove(temporary, error);
-    throw ToolError(kExitIoError, "cannot write " + path);
+  for (fs::directory_iterator it(output.parent_path(), error), end; !error && it != end;
+       it.increment(error)) {
+    const std::string name = it->path().filename().string();
+    struct stat info {};
+    if (name.size() == prefix.size() + 6 && name.compare(0, prefix.size(), prefix) == 0 &&
+        ::lstat(it->path().c_str(), &info) == 0 && S_ISREG(info.st_mode) &&
+        info.st_uid == ::geteuid()) {
+      ::unlink(it->path().c_str());
+    }
   }
+}
+
+// Writes `bytes` beside `path` and renames them over it, so that the file is
+// whole or as it was; it is readable by its owner alone, as a key is. Nothing
+// is left beside it on any way out: an error removes the file, a signal that
+// ends the run too, and a kill leaves it to the next export.
+void replaceFile(const std::string& path, const std::string& bytes) {
+  removeUnfinishedBeside(path);
+  std::string temporary = path + ".certcache-XXXXXX";
+  if (temporary.size() >= sizeof besideOutput) throw ToolError(kExitUsage, "the path is too long");
+  const int signals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+  for (int signal : signals) std::signal(signal, removeUnfinished);
+  const FileDescriptor created(::mkstemp(&temporary[0]));
+  if (created.isOpen()) std::strcpy(besideOutput, temporary.c_str());
+  boost::system::error_code error;
+  const bool written = created.isOpen() && writeWholeFile(temporary, bytes, 0600) &&
+                       ::fsync(created.get()) == 0 && (fs::rename(temporary, path, error), !error);
+  if (!written && created.isOpen()) fs::remove(temporary, error);
+  besideOutput[0] = '\0';
+  for (int signal : signals) std::signal(signal, SIG_DFL);
+  if (!written) throw ToolError(kExitIoError, "cannot write " + path);
 }
 
 // The DER encoding of an OpenSSL object, by its i2d function.
@@ -161,26 +197,21 @@ std::shared_ptr<Certificate> storeCertificate(const X509* certificate) {
   return readCertificateInput(encodeDer<X509, i2d_X509>(certificate)).certificates.front();
 }
 
-// Writes certificate and key beside their final names and renames them into
-// place, the key first: the pair is only ever half replaced between the two
-// renames, and a failure before them leaves the store as it was.
+// Writes certificate and key with the library's writers in the staging place
+// and commits them into the store together.
 void writePair(StoreSession& session, const std::string& baseName, X509* certificate, EVP_PKEY* key,
                const std::string& password) {
-  const std::string directory = session.directory();
-  const std::string newKey = storeFile(directory, baseName, kNewKeyExtension);
-  const std::string newCert = storeFile(directory, baseName, kNewCertExtension);
-  CertFileCache& cache = session.cache();
-  const bool written =
-      cache.writePrivateKey(newKey, password, key, CredentialProfile()) == CertFileCache::kDone &&
-      cache.writeCert(newCert, certificate) == CertFileCache::kDone &&
-      cache.renameFile(baseName, kNewKeyExtension, baseName, kKeyExtension, false) &&
-      cache.renameFile(baseName, kNewCertExtension, baseName, kCertExtension, false);
-  if (!written) {
-    boost::system::error_code ignored;
-    fs::remove(newKey, ignored);
-    fs::remove(newCert, ignored);
+  StoreCommit commit(session.root(), session.filter().subdirectory());
+  CertFileCache& cache = commit.cache(session.sharedFilter(), true);
+  if (cache.writePrivateKey(commit.staged(baseName, kKeyExtension), password, key,
+                            CredentialProfile()) != CertFileCache::kDone ||
+      cache.writeCert(commit.staged(baseName, kCertExtension), certificate) !=
+          CertFileCache::kDone) {
     throw ToolError(CertFileCache::kFailed, "the certificate and key were not imported");
   }
+  for (const char* extension : {kKeyExtension, kCertExtension})
+    commit.rename(commit.staged(baseName, extension), commit.stored(baseName, extension));
+  commit.commit();
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include "cachecalls.h"
 #include "passwordsource.h"
 #include "safeguards.h"
+#include "storecommit.h"
 #include "storefiles.h"
 #include "toolerror.h"
 
@@ -22,61 +23,53 @@ namespace {
 
 namespace fs = boost::filesystem;
 
-// The --out file of a request. It is opened before the request is made, so
-// that an unwritable path fails before any key exists, but emptied only when
-// the request is there to be written: a request the cache refuses must not
-// cost the file that went to the authority. A file that was new goes again.
-class RequestOutput {
- public:
-  explicit RequestOutput(const std::string& path) : path_(path) {
-    boost::system::error_code error;
-    existed_ = fs::exists(fs::symlink_status(path, error));
-    std::ofstream probe(path, std::ios::binary | std::ios::app);
-    if (!probe) {
-      throw ToolError(kExitIoError, "cannot write " + path + ": " + std::strerror(errno));
-    }
-  }
-  ~RequestOutput() {
-    if (!done_ && !existed_) std::remove(path_.c_str());
-  }
-  RequestOutput(const RequestOutput&) = delete;
-  RequestOutput& operator=(const RequestOutput&) = delete;
-
-  void write(const std::string& text) {
-    std::ofstream stream(path_, std::ios::binary | std::ios::trunc);
-    stream << text;
-    stream.close();
-    if (!stream) throw ToolError(kExitIoError, "cannot write " + path_);
-    done_ = true;
-  }
-
- private:
-  std::string path_;
-  bool existed_ = false;
-  bool done_ = false;
-};
+// Writes `text` to `path`, which the commit renames into place.
+void writeRequest(const std::string& path, const std::string& text) {
+  std::ofstream stream(path, std::ios::binary | std::ios::trunc);
+  stream << text;
+  stream.close();
+  if (!stream) throw ToolError(kExitIoError, "cannot write " + path);
+}
 
 // The steps that request and renew share. The pending request is looked for
-// before the --out file is opened: a retry must not empty the request file
-// that went to the authority.
+// before anything is written: a retry must not replace the request file that
+// went to the authority. The --out file is begun beside its place before the
+// request is made, so that an unwritable path fails before any key exists, and
+// the commit puts it in place with the key, so that the request sent away is
+// always the one whose key waits.
 int makeRequest(StoreSession& session, const std::string& subject, const std::string& email,
                 const std::string& password, int flags, const Invocation& invocation,
                 std::ostream& out) {
-  if (!invocation.overwrite)
-    refusePendingRequest(session.directory(), subjectToFilename(subject, email));
-  std::unique_ptr<RequestOutput> file;
-  if (!invocation.outFile.empty()) file = std::make_unique<RequestOutput>(invocation.outFile);
+  const std::string baseName = subjectToFilename(subject, email);
+  if (!invocation.overwrite) refusePendingRequest(session.directory(), baseName);
+  const std::string what = "no request made for '" + email + "'";
+  StoreCommit commit(session.root(), session.filter().subdirectory());
+  // The library refuses an existing key unless asked to replace it; the staging
+  // place is empty, so the store is asked here.
+  if ((flags & CertFileCache::overwriteExisting) == 0 && !baseName.empty() &&
+      entryExists(commit.stored(baseName, kKeyExtension))) {
+    failOnResult(CertFileCache::kExists, what);
+  }
+  const std::string file =
+      invocation.outFile.empty() ? std::string() : commit.besideOutput(invocation.outFile);
+  CertFileCache& cache = commit.cache(session.sharedFilter(), session.withKeys());
   std::string csr;
-  CertFileCache& cache = session.cache();
   failOnResult(invocation.legacyKey
                    ? cache.createCsr(subject, email, password, flags, csr)
                    : cache.createCsr(subject, email, password, flags, csr, invocation.credential),
-               "no request made for '" + email + "'");
-  if (!file) {
+               what);
+  const char* extension =
+      (flags & CertFileCache::skipTemporaryKey) != 0 ? kKeyExtension : kTempKeyExtension;
+  commit.rename(commit.staged(baseName, extension), commit.stored(baseName, extension));
+  if (!file.empty()) {
+    writeRequest(file, csr);
+    commit.rename(file, invocation.outFile);
+  }
+  commit.commit();
+  if (file.empty()) {
     out << csr;
     return kExitOk;
   }
-  file->write(csr);
   out << "wrote the certificate request for " << email << " to " << invocation.outFile << '\n';
   return kExitOk;
 }

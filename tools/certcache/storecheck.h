@@ -14,7 +14,8 @@ namespace tavik {
 namespace cli {
 
 struct Finding {
-  // orphan-key, no-key, stale-request, mode, unreadable, expired, due, weak, mismatch
+  // orphan-key, no-key, stale-request, mode, unreadable, expired, due, weak, mismatch,
+  // interrupted (a change an earlier run left unfinished)
   std::string kind;
   std::string path;
   std::string what;  // in words, for the person who reads it

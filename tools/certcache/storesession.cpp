@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "base/filename.h"
+#include "storecommit.h"
 #include "toolerror.h"
 
 namespace tavik {
@@ -82,11 +83,32 @@ StoreSession::StoreSession(const StoreOptions& options, StoreAccess access)
     checkExists(root, "the store root");
     for (const std::string& location : options.locations) checkExists(location, "the location");
   }
+  const bool reading = access == StoreAccess::kRead || access == StoreAccess::kInspect;
   lock_ = std::make_unique<StoreLock>(
-      root, access == StoreAccess::kRead ? StoreLock::Mode::kShared : StoreLock::Mode::kExclusive);
+      root, reading ? StoreLock::Mode::kShared : StoreLock::Mode::kExclusive);
+  if (!reading) {
+    StoreCommit::recover(root);
+  } else if (access == StoreAccess::kRead && !StoreCommit::leftovers(root).empty()) {
+    completeForReading(root);
+  }
 
   store_ = std::make_unique<CertificateStore>(root, std::move(locations));
   cache_ = std::make_unique<CertFileCache>(*store_, filter_, options.withKeys);
+}
+
+// A reader that finds a change a dead run left completes it under the
+// exclusive lock, then reads under the shared one again.
+void StoreSession::completeForReading(const std::string& root) {
+  lock_.reset();
+  try {
+    StoreLock exclusive(root, StoreLock::Mode::kExclusive);
+    StoreCommit::recover(root);
+  } catch (const ToolError& error) {
+    throw ToolError(kExitIoError, "a change that an earlier run left unfinished waits in " + root +
+                                      " and cannot be completed by this one (" + error.what() +
+                                      "); run certcache recover as the store's owner");
+  }
+  lock_ = std::make_unique<StoreLock>(root, StoreLock::Mode::kShared);
 }
 
 std::string StoreSession::directory() const {

@@ -29,8 +29,11 @@ std::string defaultStoreRoot();
 
 // What a command does with the store: reads it (a shared lock), changes what
 // is there (an exclusive lock), or may create it (the same, and the root and
-// the filter's subdirectory are made when missing).
-enum class StoreAccess { kRead, kChange, kCreate };
+// the filter's subdirectory are made when missing). Each of these first
+// completes a change that a dead run left (storecommit.h), so nobody reads or
+// changes a half change. Inspecting reads with a shared lock and leaves such
+// a change as it is, so that it can be reported.
+enum class StoreAccess { kRead, kChange, kCreate, kInspect };
 
 class StoreSession {
  public:
@@ -44,6 +47,7 @@ class StoreSession {
 
   CertFileCache& cache() { return *cache_; }
   CertificateFilter& filter() { return *filter_; }
+  const boost::shared_ptr<CertificateFilter>& sharedFilter() const { return filter_; }
   const std::string& root() const { return store_->getRoot(); }
   // The root's cache directory, where everything is created, renamed and removed.
   std::string directory() const;
@@ -52,6 +56,8 @@ class StoreSession {
   bool withKeys() const { return withKeys_; }
 
  private:
+  void completeForReading(const std::string& root);
+
   std::unique_ptr<StoreLock> lock_;  // held until the cache is gone
   std::unique_ptr<CertificateStore> store_;
   boost::shared_ptr<CertificateFilter> filter_;
