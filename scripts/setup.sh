@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(cmake make g++ pkg-config libssl-dev libboost-filesystem-dev libboost-system-dev
           googletest libgtest-dev openssl libcli11-dev nlohmann-json3-dev expect help2man
-          python3-cryptography libnss3-tools "$@")
+          python3-cryptography libnss3-tools strace "$@")
 
 missing=()
 for package in "${packages[@]}"; do

@@ -364,6 +364,90 @@ TEST_F(ToolTest, ConcurrentRunsLeaveEveryCertificateBesideItsOwnKey) {
       << err_;
 }
 
+// A changing command killed just before each of its file-changing system calls in turn (strace
+// counts them), then any next command: the store holds the credential as it was or as the command
+// makes it, whole, and nothing else. `verify` prints what check finds amiss, key files that do
+// not open, requests whose key is not the one waiting, and every file there is, new or as it was.
+struct Crash {
+  std::string setup, command, next = "list";
+};
+TEST_F(ToolTest, AKillAtAnyFileChangeLeavesTheOldOrTheNewCredentialWhole) {
+#ifdef TAVIK_SANITIZED
+  GTEST_SKIP() << "the sanitizers' own file operations multiply the kill points";
+#endif
+  const std::string key = " --key ec:P-256", sign = " && openssl x509 -req -CA ca.crt -CAkey "
+      "ca.key -days 9 -in o/q -out o/c 2>/dev/null", p12 = " export a@x --out o/a.p12 >/dev/null";
+  const std::string verify = "c --store root --passin $P check --days 0 | grep -v -e ^weak -e ^stale; for f in "
+      "root/user/*.key root/user/*.tpk; do [ -e $f ] && { openssl pkey -in $f -passin $P -noout "
+      "2>/dev/null || echo bad $f; }; done; for r in o/*.csr; do [ -e $r ] && [ \"$(openssl req "
+      "-in $r -noout -pubkey)\" != \"$(openssl pkey -passin $P -pubout -in root/user/$(basename $r "
+      ".csr).tpk)\" ] && echo stray $r; done; find root o -type f ! -name .certcache.lock | sort | "
+      "while read f; do cmp -s $f s/$f && echo $f || echo $f new; done";
+  const std::vector<Crash> crashes = {  // clang-format off
+    {"", "self-signed" + key + " --email n@x"},
+    {"", "self-signed" + key + " --email a@x --overwrite"},
+    {"", "request" + key + " --email r@x --out o/r_at_x.csr"},
+    {"c renew a@x" + key + " --out o/a_at_x.csr", "renew a@x" + key +
+     " --overwrite --out o/a_at_x.csr"},
+    {"c request" + key + " --email r@x --out o/q" + sign, "install o/c"},
+    {"c renew a@x" + key + " --out o/q" + sign, "install --overwrite o/c"},
+    {"openssl req -new -key root/user/a_at_x.key -passin $P -subj /emailAddress=a@x -out o/q" +
+     sign, "install --overwrite o/c"},
+    {"c" + p12, "import o/a.p12 --id b"}, {"c" + p12, "import o/a.p12 --overwrite"},
+    {"", "rename a_at_x z"}, {"", "rename a_at_x o_at_x --overwrite"},
+    {"c request" + key + " --email a@x --overwrite >/dev/null", "remove a@x"},
+    {"c request" + key + " --email r@x >/dev/null", "cancel-request --email r@x"},
+    {"", "export a@x --out o/a.p12", "export a@x --out o/a.p12"},  // a later one clears up
+  };  // clang-format on
+  run("!openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout ca.key -out "
+      "ca.crt -subj /CN=CA 2>&1");
+  for (const Crash& crash : crashes) {
+    const auto pass = [&](const std::string& what) {
+      run("!rm -rf root o && cp -a s/root s/o . && " + what + " c --store root --passin $P " +
+          crash.next + " >/dev/null 2>&1; " + verify);
+      return out_;
+    };
+    ASSERT_EQ(run("!rm -rf root o s && mkdir -p o s && c() { env -u CERTCACHE_STORE $B --store "
+                  "root --passin $P \"$@\"; } && for e in a o; do c self-signed" + key +
+                  " --email $e@x >/dev/null; done && " + (crash.setup.empty() ? ":" : crash.setup) +
+                  " >/dev/null && cp -a root o s"), 0) << crash.setup << err_;
+    const std::string before = pass(": ||"), after = pass("c --store root --passin $P " +
+                                                            crash.command + " >/dev/null;");
+    EXPECT_NE(before, after) << crash.command;
+    int kills = 0;
+    for (const char* call : {"openat", "write", "rename", "unlink", "link", "mkdir", "ftruncate",
+                             "fchmod"}) {
+      for (int n = 1;; ++n) {
+        const std::string killed = pass("strace -qq -o /dev/null -e trace=" + std::string(call) +
+                                        " -e inject=" + call + ":signal=KILL:when=" +
+                                        std::to_string(n) + " $B --store root --passin $P " +
+                                        crash.command + " >/dev/null 2>&1; echo $? >io/status;");
+        if (test::readFile(dir_ + "/io/status") != "137\n") break;
+        ++kills;
+        EXPECT_THAT(killed, ::testing::AnyOf(before, after)) << crash.command << " " << call << n;
+      }
+    }
+    EXPECT_GT(kills, 0) << crash.command;
+  }
+}
+
+// Writers replacing one pair and renaming another, killed at random moments, beside readers:
+// no reader meets a pair whose key is not its certificate's or a file cut short, and the store
+// that is left passes check.
+TEST_F(ToolTest, ReadersNeverMeetAHalfChangeOfWritersKilledAtRandom) {
+  EXPECT_EQ(run("!w() { for i in $(seq 12); do timeout -s KILL 0.$((RANDOM % 90 + 10)) $B --store "
+                "root --passin $P \"$@\" >/dev/null 2>&1; done; } && r() { for i in $(seq 40); do "
+                "$B --store root --passin $P show $1 >/dev/null 2>&1; echo $?; done; } && c --store "
+                "root --passin $P self-signed --key ec:P-256 --email v@x >/dev/null && { w "
+                "self-signed --key ec:P-256 --email w@x --overwrite & w self-signed --key ec:P-256 "
+                "--email w@x --overwrite & w rename v_at_x u --overwrite & w rename u v_at_x & r w@x "
+                "& r v@x & } >io/reads; wait; sort -u io/reads | grep -v -x -e 0 -e 100; c "
+                "--store root --passin $P list >/dev/null; c --store root --passin $P check --days "
+                "0"),
+            0);
+  EXPECT_EQ(out_, "") << err_;
+}
+
 TEST_F(ToolTest, AsksTheTerminalWithoutEchoAndTwiceForANewKey) {
   const auto terminal = [this](const std::string& args, const std::string& again) {
     return run("!expect -c 'spawn " CERTCACHE_BINARY " --store root " + args +
