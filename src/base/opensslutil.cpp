@@ -13,12 +13,16 @@ EVP_PKEY* PkeyHandle::get() const { return key_.get(); }
 
 PkeyHandle::operator bool() const { return key_ != nullptr; }
 
-PkeyHandle OpenSSLUtil::generateRsaPkey(int bits) {
+namespace {
+
+// A new key of `type`, its generation set up by `configure`; an empty handle
+// when any step fails, with OpenSSL's error queue cleared.
+template <typename Configure>
+PkeyHandle generateKey(const char* type, Configure configure) {
   ConfigurationInit::ensure();
-  EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_name(nullptr, "RSA", nullptr));
+  EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_name(nullptr, type, nullptr));
   EVP_PKEY* key = nullptr;
-  if (!context || EVP_PKEY_keygen_init(context.get()) <= 0 ||
-      EVP_PKEY_CTX_set_rsa_keygen_bits(context.get(), bits) <= 0 ||
+  if (!context || EVP_PKEY_keygen_init(context.get()) <= 0 || configure(context.get()) <= 0 ||
       EVP_PKEY_generate(context.get(), &key) <= 0) {
     ERR_clear_error();
     return PkeyHandle();
@@ -26,17 +30,18 @@ PkeyHandle OpenSSLUtil::generateRsaPkey(int bits) {
   return PkeyHandle(key);
 }
 
+}  // namespace
+
+PkeyHandle OpenSSLUtil::generateRsaPkey(int bits) {
+  return generateKey("RSA", [bits](EVP_PKEY_CTX* context) {
+    return EVP_PKEY_CTX_set_rsa_keygen_bits(context, bits);
+  });
+}
+
 PkeyHandle OpenSSLUtil::generateEcPkey(const char* curve) {
-  ConfigurationInit::ensure();
-  EvpPkeyCtxPtr context(EVP_PKEY_CTX_new_from_name(nullptr, "EC", nullptr));
-  EVP_PKEY* key = nullptr;
-  if (!context || EVP_PKEY_keygen_init(context.get()) <= 0 ||
-      EVP_PKEY_CTX_set_group_name(context.get(), curve) <= 0 ||
-      EVP_PKEY_generate(context.get(), &key) <= 0) {
-    ERR_clear_error();
-    return PkeyHandle();
-  }
-  return PkeyHandle(key);
+  return generateKey("EC", [curve](EVP_PKEY_CTX* context) {
+    return EVP_PKEY_CTX_set_group_name(context, curve);
+  });
 }
 
 }  // namespace tavik
