@@ -1,6 +1,8 @@
 # `cmake --install`: the library, its headers below include/tavik/ with their
-# paths, and a CMake package so that find_package(tavik_certcache) gives the
-# target tavik::certcache. (The tool installs itself to bin/ in its own directory.)
+# paths, a CMake package so that find_package(tavik_certcache) gives the
+# target tavik::certcache, and a pkg-config file for builds outside CMake.
+# (The tool installs itself to bin/ in its own directory.) `cpack -G DEB` in
+# the build tree packs all of it, the tool included (cmake/debian.cmake).
 include(CMakePackageConfigHelpers)
 
 set(TAVIK_CERTCACHE_CMAKE_DIR lib/cmake/tavik_certcache)
@@ -32,3 +34,9 @@ install(FILES
   ${PROJECT_BINARY_DIR}/tavik_certcacheConfig.cmake
   ${PROJECT_BINARY_DIR}/tavik_certcacheConfigVersion.cmake
   DESTINATION ${TAVIK_CERTCACHE_CMAKE_DIR})
+
+configure_file(${PROJECT_SOURCE_DIR}/cmake/tavik_certcache.pc.in
+  ${PROJECT_BINARY_DIR}/tavik_certcache.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/tavik_certcache.pc DESTINATION lib/pkgconfig)
+
+include(${PROJECT_SOURCE_DIR}/cmake/debian.cmake)

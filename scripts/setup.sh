@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing need, skipping those
-# already present. Usage: scripts/setup.sh [EXTRA_PACKAGE...]
+# already present (dpkg-dev and file: cpack reads the Debian package's dependencies
+# with dpkg-shlibdeps). Usage: scripts/setup.sh [EXTRA_PACKAGE...]
 set -euo pipefail
 
 packages=(cmake make g++ pkg-config libssl-dev libboost-filesystem-dev libboost-system-dev
           googletest libgtest-dev openssl libcli11-dev nlohmann-json3-dev expect help2man
-          python3-cryptography libnss3-tools strace "$@")
+          python3-cryptography libnss3-tools strace dpkg-dev file "$@")
 
 missing=()
 for package in "${packages[@]}"; do

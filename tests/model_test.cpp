@@ -1,5 +1,6 @@
 // A randomized model of the store that every step of the cache must match, with no secret in any
 // statement, request or stray file.
+#include <future>
 #include <optional>
 #include <random>
 
@@ -106,6 +107,20 @@ TEST_F(ModelTest, RandomOperationsKeepFilesAndIndexAsModelled) {
   }
   for (const auto& request : requests_)
     EXPECT_EQ(request.second.find("KEY-----"), std::string::npos);
+  // The const lookups, from several threads at once, find what one thread finds.
+  const auto lookUpAll = [this] {
+    std::vector<std::string> ids;
+    std::string seen = std::to_string(cache_->listIds(ids)) + ";";
+    for (int user = 0, code = 0; user < 5; ++user) {
+      const std::string email = "u" + std::to_string(user) + "@x";
+      const bool found = cache_->getCertificate(email, kPassword, code, false) != nullptr;
+      seen += std::to_string(found) + ":" + std::to_string(code) + ",";
+    }
+    return seen;
+  };
+  std::vector<std::future<std::string>> runs;
+  for (int i = 0; i < 4; ++i) runs.push_back(std::async(std::launch::async, lookUpAll));
+  for (auto& run : runs) EXPECT_EQ(run.get(), lookUpAll());
   // The seeds reach the outcomes that matter, not only refusals.
   EXPECT_GT(std::min({outcomes_["l0"], outcomes_["l1000103"], outcomes_["i0"], outcomes_["r0"]}),
             0);

@@ -6,6 +6,12 @@
 // well-formed certificate and reads only what identifies it (subject and
 // extensions); the full decoding, public key included, waits for the first
 // getX509().
+//
+// Failures: every factory returns an empty pointer; when OpenSSL's decoding
+// fails, its error queue is cleared, the caller's earlier errors included.
+// Nothing throws but std::bad_alloc. Threads: a Certificate may be
+// used from several threads at once; the first getX509() of a lazily read
+// certificate decodes it once, under a once-flag, whichever thread comes first.
 #ifndef TAVIK_BASE_CERTIFICATE_H_
 #define TAVIK_BASE_CERTIFICATE_H_
 
@@ -41,8 +47,9 @@ class Certificate {
   Certificate& operator=(const Certificate&) = delete;
   ~Certificate();
 
-  // Writes the certificate as PEM to `path`, creating or truncating it; false
-  // when it cannot (a missing directory included).
+  // Writes the certificate as PEM to `path`, creating or truncating it with the
+  // process's mode; false when it cannot (a missing directory included), and
+  // then no empty or cut-off file stays behind.
   bool saveToFile(std::string path);
 
   // Borrowed. Null only for a certificate read with loadFlag false whose full

@@ -1,6 +1,14 @@
 // Decides which certificates a cache holds, where they live and what they are
 // called. A cache asks its filter for the subdirectory of its kind, whether a
 // certificate it read belongs to that kind, and the certificate's identifier.
+//
+// The cache calls acceptsCertificate and certificateId while it scans (its
+// constructor and load()), certificateId in saveCert, and subdirectory() in
+// every member that builds a path, the const lookups included. A filter
+// shared by caches or lookups in several threads must answer subdirectory()
+// without changing state; the library's filters hold no state at all. What a
+// filter of the caller's own throws passes out of the cache's member that
+// called it.
 #ifndef TAVIK_BASE_CERTIFICATEFILTER_H_
 #define TAVIK_BASE_CERTIFICATEFILTER_H_
 

@@ -1,5 +1,6 @@
 // What a certificate says about whom it identifies, read from its subject name
-// and its extensions. The filters decide on these facts.
+// and its extensions. The filters decide on these facts. The readers below
+// depend on their arguments alone and throw nothing but std::bad_alloc.
 #ifndef TAVIK_BASE_CERTIFICATEIDENTITY_H_
 #define TAVIK_BASE_CERTIFICATEIDENTITY_H_
 

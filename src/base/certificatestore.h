@@ -1,5 +1,7 @@
 // The directories of a certificate store: its root, where new files are made,
-// and its base locations, which are searched in order when reading.
+// and its base locations, which are searched in order when reading. A plain
+// value that caches read and never change: caches in several threads may
+// share one (getBaseLocations only reads, though it is not const).
 #ifndef TAVIK_BASE_CERTIFICATESTORE_H_
 #define TAVIK_BASE_CERTIFICATESTORE_H_
 

@@ -17,7 +17,8 @@ class ConfigurationInit {
   ConfigurationInit& operator=(const ConfigurationInit&) = delete;
 
   // Loads OpenSSL's error strings and algorithms, once per process; later
-  // calls return at once. Called by the library before it uses OpenSSL.
+  // calls return at once. Called by the library before it uses OpenSSL; safe
+  // from several threads at once.
   static void ensure();
 };
 

@@ -1,5 +1,8 @@
 // The process-wide environment: the platform services the library needs that
 // are not plain file I/O. Programs and tests may install their own instance.
+// The instance pointer is atomic: accessInstance and setInstance may be called
+// from any thread, and an instance's members are called from whichever thread
+// writes a key file.
 #ifndef TAVIK_BASE_ENVIRONMENT_H_
 #define TAVIK_BASE_ENVIRONMENT_H_
 

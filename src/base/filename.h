@@ -5,6 +5,9 @@
 // In a store location, the certificates of one kind lie in the directory
 // LOCATION/SUBDIRECTORY (the filter's subdirectory), and a base name B has up
 // to three files there: B.crt, B.key and B.tpk (the key of a pending request).
+//
+// Every function here depends on its arguments alone, touches no file, may be
+// called from any thread and throws nothing but std::bad_alloc.
 #ifndef TAVIK_BASE_FILENAME_H_
 #define TAVIK_BASE_FILENAME_H_
 

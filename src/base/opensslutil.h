@@ -2,7 +2,7 @@
 //
 // Every OpenSSL object the library makes is owned by one of these handles from
 // the line that creates it, so it is freed on every way out of the code that
-// made it. Plain pointers to OpenSSL objects are borrowed.
+// made it. Plain pointers to OpenSSL objects are borrowed. Nothing here throws.
 #ifndef TAVIK_BASE_OPENSSLUTIL_H_
 #define TAVIK_BASE_OPENSSLUTIL_H_
 

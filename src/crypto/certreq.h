@@ -2,6 +2,8 @@
 // e-mail address with its new key (CertReq), and the self-signed certificate
 // of a new key pair. Nothing here knows of files or of the cache; the cache
 // writes what these build. Their statements are the cache's own (cachelog.h).
+// Nothing here throws but std::bad_alloc; nothing holds shared state, so
+// several threads may build at once.
 #ifndef TAVIK_CRYPTO_CERTREQ_H_
 #define TAVIK_CRYPTO_CERTREQ_H_
 
@@ -21,8 +23,9 @@ constexpr int kRsaKeyBits = 1024;
 
 // Builds a PKCS#10 certificate request for an e-mail address together with its
 // new key. Construction does all the work; afterwards `generated` says whether
-// it succeeded and `pkey` holds the key (also after most failures). On success
-// `csr` holds the request as PEM; on failure it keeps what it held.
+// it succeeded (a failing step is logged as an error) and `pkey` holds the key
+// (also after every failure but that of making the key). On success `csr`
+// holds the request as PEM; on failure it keeps what it held.
 class CertReq {
  public:
   // RSA 1024, signed over SHA-1, no attributes; `keyBits` changes nothing.
@@ -34,6 +37,10 @@ class CertReq {
   CertReq(const CertReq&) = delete;
   CertReq& operator=(const CertReq&) = delete;
 
+  // Sets version 1, the subject emailAddress=`email` (`type` as
+  // X509_NAME_add_entry_by_txt takes it, MBSTRING_UTF8 for text) and the
+  // public key of `key` in `req`; both borrowed. False when a step fails, with
+  // the steps before it left done.
   static bool makeReq(X509_REQ* req, EVP_PKEY* key, const std::string& email, unsigned long type);
 
   bool generated;   // read by the caller
@@ -46,8 +53,10 @@ class CertReq {
 
 // The self-signed certificate of a new pair: version 1 (no version field),
 // serial 1, subject and issuer CN = email, valid from 2010-01-01 to
-// 2037-01-01 whatever the day, signed with `key` over SHA-256. False, with
-// the failing step's message when it has one, when a step fails.
+// 2037-01-01 whatever the day, signed with `key` (borrowed) over SHA-256.
+// `cert` owns the certificate from the first step. False, with the failing
+// step's message when it has one, when a step fails; `cert` may then hold an
+// unfinished certificate, which the caller discards.
 bool buildSelfSignedCertificate(const std::string& email, EVP_PKEY* key, X509Ptr& cert);
 
 // The self-signed certificate of a new pair made with `profile`: version 3, a

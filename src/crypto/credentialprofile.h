@@ -20,6 +20,9 @@
 
 namespace tavik {
 
+// A plain value: the members that take one read it during the call and keep
+// nothing. The functions below depend on their arguments alone; they may be
+// called from any thread and throw nothing but std::bad_alloc.
 struct CredentialProfile {
   enum class Key { rsa2048, rsa3072, rsa4096, ecP256, ecP384 };
   Key key = Key::rsa3072;

@@ -10,6 +10,31 @@
 // the level before any piece of the message is computed:
 //
 //   TAVIK_LOG_WARNING(logHandle) << "Loading certificate from " << path << " failed";
+//
+// What a program that embeds the library sees. Out of the box, errors and
+// warnings are written to standard error, one line per statement: the UTC
+// time, the level name, the source file and line, and the message, as in
+//
+//   2026-01-31T12:00:00Z warning src/crypto/certificatefilecache.cpp:107 Did not find ...
+//
+// Warnings come from ordinary events: a lookup with a wrong password ("Error
+// reading certificate. Key invalid: PATH"), a scan of a key-holding cache that
+// finds no pair, a file in a cache directory that is not a certificate of its
+// kind, a file that removeCert cannot remove. Errors come from failed
+// creations, writes and renames.
+// Messages name files but never hold a password or a key.
+//
+// To silence it: LogFacility::setUp(false), or LogFacility::setLevels(0). To
+// keep some levels: setLevels(LogMask::error), for one. To send the records
+// elsewhere (a program's own log, syslog): LogFacility::setSink. These are
+// process-wide and hold for every cache.
+//
+// Threads: statements may be written from any thread. The facility hands
+// one record at a time to the sink, holding its lock, so a sink needs no lock
+// of its own but must not log, nor call setSink or setLevels (it would wait for
+// itself). setSink and setUp may be called at any time; setLevels changes
+// the levels that statements read without a lock, so call it before other
+// threads use the library, or while none does.
 #ifndef TAVIK_LOG_LOG_H_
 #define TAVIK_LOG_LOG_H_
 
@@ -90,17 +115,22 @@ struct LogRecord {
 // Process-wide controls of the facility.
 class LogFacility {
  public:
-  // Replaces the sink; an empty function restores the default sink, which
-  // writes one line per statement to standard error.
+  // Replaces the sink, which receives every statement written from then on; an
+  // empty function restores the default sink, which writes formatLine(record)
+  // and a newline to standard error (std::cerr).
   static void setSink(std::function<void(const LogRecord&)> sink);
-  // Sets the enabled levels of every registered file and of files registered later.
+  // Sets the enabled levels, a union of LogMask::log_t bits, of every
+  // registered file and of files registered later; 0 writes nothing. The
+  // default is LogMask::error | LogMask::warning.
   static void setLevels(unsigned levels);
-  // Off: every LogHandle::handle() returns null. On by default.
+  // Off: every LogHandle::handle() returns null, so no statement is written or
+  // even built; on again restores the levels as they were. On by default.
   static void setUp(bool on);
 
   // The name of a level as the default sink writes it ("error", "warning", ...).
   static const char* levelName(LogMask::log_t level);
-  // The default line of a record: UTC time, level name, file:line, message.
+  // The default line of a record: the current UTC time as 2026-01-31T12:00:00Z,
+  // the level name, file:line and the message, separated by single spaces.
   static std::string formatLine(const LogRecord& record);
 };
 
