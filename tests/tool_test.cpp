@@ -110,6 +110,17 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      " export n@x --out n.p12 >/dev/null && pk12util -i n.p12 -d sql:nss -W " + kSecret + " || "
      "exit 1; done; certutil -L -d sql:nss -n n@x -a | grep -c BEGIN", 0, "pk12util: PKCS12 IMPORT "
      "SUCCESSFUL\npk12util: PKCS12 IMPORT SUCCESSFUL\n2\n"},
+    // A change reaches the disk in its order: the new files, then the record, then the renames.
+    {"!t=$(mktemp -d) && cd $t && $B --store s " + kPass + " self-signed --key ec:P-256 --email "
+     "s@x >/dev/null && strace -y -e trace=fsync,rename,unlink -o trace $B --store s " + kPass +
+     " self-signed --key ec:P-256 --email s@x --overwrite >/dev/null; sed -E \"s#$t/##g; "
+     "s/[0-9]+<|>| *= 0$//g\" trace; cd / && rm -r $t", 0, "fsync(s/.certcache-staging/user/"
+     "s_at_x.key)\nfsync(s/.certcache-staging/user/s_at_x.crt)\nfsync(s/.certcache-staging)\n"
+     "fsync(s/.certcache-staging/user)\nfsync(s/.certcache-staging/intent)\nrename(\"s/"
+     ".certcache-staging/intent\", \"s/.certcache-intent\")\nfsync(s)\nrename(\"s/.certcache-"
+     "staging/user/s_at_x.key\", \"s/user/s_at_x.key\")\nrename(\"s/.certcache-staging/user/"
+     "s_at_x.crt\", \"s/user/s_at_x.crt\")\nfsync(s/.certcache-staging/user)\nfsync(s/user)\n"
+     "unlink(\"s/.certcache-intent\")\nfsync(s)\n+++ exited with 0 +++\n"},
     {"--passin file:pw request --email cy@x --key legacy --out cy.csr", 0,
      "wrote the certificate request for cy@x to cy.csr\n"},
     {"--passin file:pw request --email cy@x --out cy.csr", 2, "pending since"},  // a retry

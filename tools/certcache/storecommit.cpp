@@ -129,9 +129,9 @@ void clearStaging(const std::string& root) {
 
 }  // namespace
 
-bool StoreCommit::recover(const std::string& root) {
+void StoreCommit::recover(const std::string& root) {
   const bool recorded = present(root + "/" + kIntentRecord);
-  if (!recorded && !present(root + "/" + kStagingPlace)) return false;
+  if (!recorded && !present(root + "/" + kStagingPlace)) return;
   if (recorded) {
     makeSteps(readRecord(root));
     if (::unlink((root + "/" + kIntentRecord).c_str()) != 0 && errno != ENOENT)
@@ -139,7 +139,6 @@ bool StoreCommit::recover(const std::string& root) {
     flush(root);
   }
   clearStaging(root);
-  return true;
 }
 
 std::vector<std::string> StoreCommit::leftovers(const std::string& root) {

@@ -36,9 +36,9 @@ extern const char kStagingPlace[];  // in the root
 class StoreCommit {
  public:
   // Completes what a dead run left in `root`, if anything; the caller holds the
-  // exclusive lock. True when there was something. Throws ToolError 74 when a
-  // step cannot be made (the record then stays for the next run).
-  static bool recover(const std::string& root);
+  // exclusive lock. Throws ToolError 74 when a step cannot be made (the record
+  // then stays for the next run).
+  static void recover(const std::string& root);
   // What an earlier run left unfinished in `root`: the record's and the
   // staging place's paths, those that exist.
   static std::vector<std::string> leftovers(const std::string& root);
