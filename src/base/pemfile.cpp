@@ -66,7 +66,7 @@ bool PemFileWriter::writeEncryptedKeyPbes2(EVP_PKEY* key, const std::string& pas
   SealedKeyPtr sealed(PKCS8_set0_pbe(passPhrase, static_cast<int>(std::strlen(passPhrase)),
                                      info.get(), scheme.get()));
   if (!sealed) return false;
-  scheme.release();  // the sealed key owns its scheme from here
+  static_cast<void>(scheme.release());  // the sealed key owns its scheme from here
   return flushed(PEM_write_bio_PKCS8(bio_.get(), sealed.get()) == 1);
 }
 

@@ -33,7 +33,7 @@ ExtensionPtr alternativeName(const std::string& email) {
   GENERAL_NAME_set0_value(name.get(), GEN_EMAIL, address.release());
   GeneralNamesPtr names(GENERAL_NAMES_new());
   if (!names || sk_GENERAL_NAME_push(names.get(), name.get()) == 0) return nullptr;
-  name.release();
+  static_cast<void>(name.release());  // the list owns it now
   return ExtensionPtr(X509V3_EXT_i2d(NID_subject_alt_name, 0, names.get()));
 }
 
@@ -97,7 +97,7 @@ X509ExtensionsPtr credentialExtensions(const std::string& email, const Credentia
   if (!extensions) return nullptr;
   for (std::size_t i = 0; i < count; ++i) {
     if (!made[i] || sk_X509_EXTENSION_push(extensions.get(), made[i].get()) == 0) return nullptr;
-    made[i].release();
+    static_cast<void>(made[i].release());  // the stack owns it now
   }
   return extensions;
 }

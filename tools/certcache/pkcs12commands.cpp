@@ -50,8 +50,7 @@ void refuseKeylessStore(const Invocation& invocation) {
 // The second password: the --passout source's, or the first one again. It
 // protects a key, so it may not be empty.
 std::string secondPassword(const Invocation& invocation, const std::string& first) {
-  const std::string second =
-      invocation.passout.empty() ? first : readPassword(invocation.passout, true);
+  std::string second = invocation.passout.empty() ? first : readPassword(invocation.passout, true);
   if (second.empty()) {
     throw ToolError(CertFileCache::kEmptyPassword, "the password that protects the key is empty");
   }

@@ -25,7 +25,7 @@ namespace {
 
 namespace fs = boost::filesystem;
 
-constexpr std::time_t kDay = 24 * 60 * 60;
+constexpr std::time_t kDay = std::time_t{24} * 60 * 60;
 
 // The credential files of one base name that a directory holds.
 struct Credential {

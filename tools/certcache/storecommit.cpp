@@ -184,8 +184,8 @@ std::string StoreCommit::stored(const std::string& baseName, const char* extensi
 
 std::string StoreCommit::besideOutput(const std::string& path) {
   std::random_device random;
-  const std::string beside = fs::absolute(path).string() + ".certcache-" +
-                             std::to_string(::getpid()) + "-" + std::to_string(random() % 100000);
+  std::string beside = fs::absolute(path).string() + ".certcache-" + std::to_string(::getpid()) +
+                       "-" + std::to_string(random() % 100000);
   // Listed before it exists, so that a run that dies right after leaves
   // nothing the next one does not clear.
   outputs_.push_back(beside);
