@@ -143,7 +143,7 @@ unsigned long CertFileCache::loadFromDir(const std::string& dir, unsigned long& 
     const std::size_t dot = certExtensionAt(fileName);
     if (dot == std::string_view::npos) continue;
     const Entry entry = examineFile(dir, listing.fd(), fileName, &listing, buffer, id);
-    if (entry == Entry::kSkipped) continue;
+    if (entry == Entry::kSkipped || entry == Entry::kUnreadable) continue;
     ++count;
     if (entry == Entry::kWithoutKey) continue;
     ++entered;
@@ -179,7 +179,7 @@ CertFileCache::Entry CertFileCache::examineFile(const std::string& dir, int dirF
           : nullptr;
   if (!certificate) {
     TAVIK_LOG_WARNING(logHandle) << "Loading certificate from " << file() << " failed";
-    return Entry::kSkipped;
+    return Entry::kUnreadable;
   }
   if (!filter_->acceptsCertificate(certificate)) {
     TAVIK_LOG_WARNING(logHandle) << "The certificate in " << file() << " is not the required type";

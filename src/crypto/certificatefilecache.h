@@ -165,9 +165,10 @@ class CertFileCache {
   // that changed, by the scan's own rules, without scanning the store again.
   friend class CertStoreWatcher;
 
-  // What the scan makes of one certificate file: left out (unreadable, of
-  // another kind, or gone; not counted), counted without its key, or entered.
-  enum class Entry { kSkipped, kWithoutKey, kEntered };
+  // What the scan makes of one certificate file: left out (of another kind,
+  // or gone; not counted), left out because it holds no certificate (perhaps
+  // not yet: a writer may be at work), counted without its key, or entered.
+  enum class Entry { kSkipped, kUnreadable, kWithoutKey, kEntered };
 
   // A cache over `index` as it stands: no scan, no statement.
   CertFileCache(CertificateStore& store, boost::shared_ptr<CertificateFilter> filter,

@@ -47,6 +47,9 @@ constexpr int kQuietMilliseconds = 5;
 constexpr auto kBatchLimit = std::chrono::milliseconds(100);
 constexpr int kPollMilliseconds = 1000;
 constexpr std::time_t kSettleSeconds = 1;
+// An entered certificate file that reads as nothing this soon after it was
+// written is read again this much later before it leaves the index.
+constexpr int kSettleMilliseconds = 100;
 
 [[noreturn]] void throwError(const char* what, const std::string& path, int error) {
   throw boost::filesystem::filesystem_error(
@@ -100,7 +103,7 @@ class CertStoreWatcher::Follower {
   Index apply(const Batch& batch, StoreChanges& changes);
   Index scanEverything();
   void scan(std::size_t location, Index* index);
-  void examine(std::size_t location, int directoryFd, const std::string& fileName);
+  void examine(const Touched& touched, int directoryFd);
   // For each identifier, the file that gives it in a fresh scan: the last
   // location's, and within it the listing's last.
   std::map<std::string, std::pair<std::size_t, std::string>> winners(
@@ -118,6 +121,9 @@ class CertStoreWatcher::Follower {
   std::unique_ptr<CertFileCache> reader_;
   std::shared_ptr<const CertFileCache> published_;
   bool failed_ = false;  // the last scan threw: scan everything on the next change
+  // Entered files found unreadable just after a write: kept as they were, and
+  // read again shortly, for a writer may still be at work on them.
+  std::vector<Touched> unsettled_;
   std::string buffer_;
 };
 
@@ -182,6 +188,8 @@ void CertStoreWatcher::Follower::run(CertStoreWatcher& watcher) {
   for (;;) {
     Batch batch;
     if (!readEvents(batch)) return;
+    batch.touched.insert(batch.touched.end(), unsettled_.begin(), unsettled_.end());
+    unsettled_.clear();
     if (!notify_.isOpen()) batch.everything = true;  // polling: every second, everything
     retryWatches(batch);
     // A failed scan is tried again on the next change, not on every tick.
@@ -205,7 +213,7 @@ bool CertStoreWatcher::Follower::readEvents(Batch& batch) {
   pollfd fds[2] = {{stop_.get(), POLLIN, 0}, {notify_.get(), POLLIN, 0}};
   const nfds_t count = notify_.isOpen() ? 2 : 1;
   const auto first = std::chrono::steady_clock::now();
-  int timeout = kPollMilliseconds;
+  int timeout = unsettled_.empty() ? kPollMilliseconds : kSettleMilliseconds;
   for (;;) {
     const int ready = ::poll(fds, count, timeout);
     if (ready < 0 && errno != EINTR) throwError("poll", std::string(), errno);
@@ -320,7 +328,7 @@ CertStoreWatcher::Follower::Index CertStoreWatcher::Follower::apply(const Batch&
                           ::open(location.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
                  .first;
     }
-    examine(touched.location, open->second.get(), touched.fileName);
+    examine(touched, open->second.get());
     const auto now = location.files.find(touched.fileName);
     if (now != location.files.end()) ids.insert(now->second);
   }
@@ -417,10 +425,12 @@ void CertStoreWatcher::Follower::scan(std::size_t i, Index* index) {
   listing.throwIfIncomplete();
 }
 
-void CertStoreWatcher::Follower::examine(std::size_t i, int directoryFd,
-                                         const std::string& fileName) {
-  Location& location = locations_[i];
-  location.files.erase(fileName);
+void CertStoreWatcher::Follower::examine(const Touched& touched, int directoryFd) {
+  const std::string& fileName = touched.fileName;
+  Location& location = locations_[touched.location];
+  const auto known = location.files.find(fileName);
+  const std::string was = known != location.files.end() ? known->second : std::string();
+  if (known != location.files.end()) location.files.erase(known);
   struct stat info {};
   if (directoryFd < 0 || ::fstatat(directoryFd, fileName.c_str(), &info, 0) != 0) {
     // As the listing's type test: an absent file or target is no file, any other failure an error.
@@ -431,9 +441,15 @@ void CertStoreWatcher::Follower::examine(std::size_t i, int directoryFd,
   }
   if (!S_ISREG(info.st_mode)) return;
   std::string id;
-  if (reader_->examineFile(location.directory, directoryFd, fileName, nullptr, buffer_, id) ==
-      CertFileCache::Entry::kEntered) {
-    location.files[fileName] = id;
+  const CertFileCache::Entry entry =
+      reader_->examineFile(location.directory, directoryFd, fileName, nullptr, buffer_, id);
+  if (entry == CertFileCache::Entry::kEntered) location.files[fileName] = id;
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  if (entry == CertFileCache::Entry::kUnreadable && !was.empty() &&
+      info.st_mtim.tv_sec + kSettleSeconds >= now.tv_sec) {
+    location.files[fileName] = was;
+    unsettled_.push_back(touched);
   }
 }
 
