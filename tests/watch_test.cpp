@@ -20,7 +20,9 @@ struct Change {
   // ';'-separated: "sh COMMAND" (a shell, %D and %S the cache directories), "unchanged" (no
   // index was published so far), or a T::script call.
   const char* calls;
-  const char* heard;        // "+ID", "-ID", "~ID", sorted
+  // "+ID", "-ID", "~ID", sorted: per identifier the net effect of what the listener heard
+  // (a pair renamed in two steps may be heard as removed, then added).
+  const char* heard;
   const char* logged = "";  // the watcher's warning or error; a final '*' matches a prefix
 };
 void PrintTo(const Change& c, std::ostream* out) { *out << c.name; }
@@ -91,7 +93,7 @@ TEST_P(WatchTest, IndexIsAFreshCachesAfterEachChange) {
   std::vector<std::string> watched;
   const auto heardAll = [&] {
     const std::lock_guard<std::mutex> held(lock);
-    return heardOf == watcher.generation() && heard.size() >= test::words(c.heard).size();
+    return heardOf == watcher.generation() && !heard.empty();
   };
   for (int tries = 0; tries < 50 && (tries == 0 || watched != fresh || !heardAll()); ++tries) {
     if (tries != 0) watcher.waitForNewer(watcher.generation(), std::chrono::milliseconds(100));
@@ -103,9 +105,18 @@ TEST_P(WatchTest, IndexIsAFreshCachesAfterEachChange) {
   }
   EXPECT_EQ(watched, fresh);
   const std::lock_guard<std::mutex> held(lock);
-  std::vector<std::string> expected = test::words(c.heard);
-  std::sort(heard.begin(), heard.end()), std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(heard, expected);
+  std::map<std::string, std::string> net;  // id -> first sign heard, last sign heard
+  for (const std::string& event : heard) {
+    std::string& signs = net[event.substr(1)];
+    signs = (signs.empty() ? event.substr(0, 1) : signs.substr(0, 1)) + event[0];
+  }
+  std::vector<std::string> netHeard, expected = test::words(c.heard);
+  for (const auto& [id, signs] : net) {
+    const bool before = signs[0] != '+', after = signs[1] != '-';
+    if (before || after) netHeard.push_back((before && after ? "~" : after ? "+" : "-") + id);
+  }
+  std::sort(netHeard.begin(), netHeard.end()), std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(netHeard, expected) << ::testing::PrintToString(heard);
   // A file caught half written may warn as a fresh cache would at that moment; the watcher's
   // own errors are exactly the row's.
   const std::string said = expand(c.logged);
