@@ -57,7 +57,8 @@ class ChangePrinter {
  private:
   void print(const char* event, const std::string& id, const std::string& baseName) {
     if (json_) {
-      out_ << nlohmann::ordered_json{{"event", event}, {"id", id}, {"base_name", baseName}}.dump() << '\n';
+      out_ << nlohmann::ordered_json{{"event", event}, {"id", id}, {"base_name", baseName}}.dump()
+           << '\n';
     } else {
       out_ << event << '\t' << id << '\t' << baseName << '\n';
     }
