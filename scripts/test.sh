@@ -2,6 +2,7 @@
 # Installs what is missing, builds, and runs every test through ctest.
 #   scripts/test.sh             Debug build in build/
 #   scripts/test.sh --sanitize  AddressSanitizer + UndefinedBehaviorSanitizer build in build-asan/
+#   scripts/test.sh --tsan      ThreadSanitizer build in build-tsan/ (the store watcher's threads)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -12,6 +13,11 @@ if [ "${1:-}" = "--sanitize" ]; then
   cmake_flags+=(-DTAVIK_CERTCACHE_SANITIZE=ON)
   export ASAN_OPTIONS="detect_leaks=1:halt_on_error=1:abort_on_error=0:detect_stack_use_after_return=1"
   export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
+elif [ "${1:-}" = "--tsan" ]; then
+  build_dir=build-tsan
+  cmake_flags+=(-DCMAKE_CXX_FLAGS=-fsanitize=thread -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=thread
+                -DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=thread)
+  export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
 fi
 
 scripts/setup.sh

@@ -19,9 +19,12 @@ const std::string kTime = "20[0-9-]{8}T[0-9:]{8}Z";
 // what it asks for.
 const std::string kPythonAuthority =
     "import datetime as d, sys\nfrom cryptography import x509\nfrom cryptography.hazmat.primitives "
-    "import hashes, serialization as s\nr = x509.load_pem_x509_csr(open(sys.argv[1], 'rb').read())\n"
-    "ca = x509.load_pem_x509_certificate(open('ca.crt', 'rb').read())\nassert r.is_signature_valid\n"
-    "b = x509.CertificateBuilder(r.subject, ca.subject, r.public_key(), x509.random_serial_number(), "
+    "import hashes, serialization as s\nr = x509.load_pem_x509_csr(open(sys.argv[1], "
+    "'rb').read())\n"
+    "ca = x509.load_pem_x509_certificate(open('ca.crt', 'rb').read())\nassert "
+    "r.is_signature_valid\n"
+    "b = x509.CertificateBuilder(r.subject, ca.subject, r.public_key(), "
+    "x509.random_serial_number(), "
     "d.datetime.utcnow(), d.datetime.utcnow() + d.timedelta(days=9))\nfor e in r.extensions: b = "
     "b.add_extension(e.value, e.critical)\nk = s.load_pem_private_key(open('ca.key', 'rb').read(), "
     "None)\nprint(b.sign(k, hashes.SHA256()).public_bytes(s.Encoding.PEM).decode(), end='')\n";
@@ -360,9 +363,11 @@ TEST_F(ToolTest, ConcurrentRunsLeaveEveryCertificateBesideItsOwnKey) {
   EXPECT_EQ(
       run("!openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout "
           "ca.key -out ca.crt -subj /CN=CA 2>/dev/null && q() { c --store root --passin $P "
-          "\"$@\" >/dev/null 2>&1; echo \"$1 $?\"; } && export CERTCACHE_LOCK_WAIT=120 && sign() { openssl x509 -req -CA ca.crt "
+          "\"$@\" >/dev/null 2>&1; echo \"$1 $?\"; } && export CERTCACHE_LOCK_WAIT=120 && sign() { "
+          "openssl x509 -req -CA ca.crt "
           "-CAkey ca.key -set_serial $2 -in $1.csr -out $1.crt 2>/dev/null; } && for i in 1 2 3 "
-          "4 5 6; do { q request --email p$i@x --key ec:P-256 --out p$i.csr; sign p$i $i; q install "
+          "4 5 6; do { q request --email p$i@x --key ec:P-256 --out p$i.csr; sign p$i $i; q "
+          "install "
           "p$i.crt; q rename p${i}_at_x same; } & { q request --email s@x --key ec:P-256 --out "
           "s$i.csr; sign s$i 1$i; q "
           "install s$i.crt; } & done >io/tally; wait; sort io/tally | uniq -c | tr -s ' '; for "
@@ -388,15 +393,20 @@ TEST_F(ToolTest, AKillAtAnyFileChangeLeavesTheOldOrTheNewCredentialWhole) {
 #ifdef TAVIK_SANITIZED
   GTEST_SKIP() << "the sanitizers' own file operations multiply the kill points";
 #endif
-  const std::string key = " --key ec:P-256", sign = " && openssl x509 -req -CA ca.crt -CAkey "
-      "ca.key -days 9 -in o/q -out o/c 2>/dev/null", p12 = " export a@x --out o/a.p12 >/dev/null";
-  const std::string verify = "c --store root --passin $P check --days 0 | grep -v -e ^weak -e ^stale; for f in "
+  const std::string key = " --key ec:P-256",
+                    sign =
+                        " && openssl x509 -req -CA ca.crt -CAkey "
+                        "ca.key -days 9 -in o/q -out o/c 2>/dev/null",
+                    p12 = " export a@x --out o/a.p12 >/dev/null";
+  const std::string verify =
+      "c --store root --passin $P check --days 0 | grep -v -e ^weak -e ^stale; for f in "
       "root/user/*.tpk; do [ -e $f ] && { openssl pkey -in $f -passin $P -noout "
       "2>/dev/null || echo bad $f; }; done; for r in o/*.csr; do [ -e $r ] && [ \"$(openssl req "
       "-in $r -noout -pubkey)\" != \"$(openssl pkey -passin $P -pubout -in root/user/$(basename $r "
       ".csr).tpk)\" ] && echo stray $r; done; find root o -type f ! -name .certcache.lock | sort | "
       "while read f; do cmp -s $f s/$f && echo $f || echo $f new; done";
-  const std::vector<Crash> crashes = {  // clang-format off
+  const std::vector<Crash> crashes = {
+      // clang-format off
     {"", "self-signed" + key + " --email n@x"},
     {"", "self-signed" + key + " --email a@x --overwrite"},
     {"", "request" + key + " --email r@x --out o/r_at_x.csr"},
@@ -421,20 +431,22 @@ TEST_F(ToolTest, AKillAtAnyFileChangeLeavesTheOldOrTheNewCredentialWhole) {
       return out_;
     };
     ASSERT_EQ(run("!rm -rf root o s && mkdir -p o s && c() { env -u CERTCACHE_STORE $B --store "
-                  "root --passin $P \"$@\"; } && for e in a o; do c self-signed" + key +
-                  " --email $e@x >/dev/null; done && " + (crash.setup.empty() ? ":" : crash.setup) +
-                  " >/dev/null && cp -a root o s"), 0) << crash.setup << err_;
-    const std::string before = pass(": ||"), after = pass("c --store root --passin $P " +
-                                                            crash.command + " >/dev/null;");
+                  "root --passin $P \"$@\"; } && for e in a o; do c self-signed" +
+                  key + " --email $e@x >/dev/null; done && " +
+                  (crash.setup.empty() ? ":" : crash.setup) + " >/dev/null && cp -a root o s"),
+              0)
+        << crash.setup << err_;
+    const std::string before = pass(": ||"),
+                      after = pass("c --store root --passin $P " + crash.command + " >/dev/null;");
     EXPECT_NE(before, after) << crash.command;
     int kills = 0;
-    for (const char* call : {"openat", "write", "rename", "unlink", "link", "mkdir", "ftruncate",
-                             "fchmod"}) {
+    for (const char* call :
+         {"openat", "write", "rename", "unlink", "link", "mkdir", "ftruncate", "fchmod"}) {
       for (int n = 1;; ++n) {
-        const std::string killed = pass("strace -qq -o /dev/null -e trace=" + std::string(call) +
-                                        " -e inject=" + call + ":signal=KILL:when=" +
-                                        std::to_string(n) + " $B --store root --passin $P " +
-                                        crash.command + " >/dev/null 2>&1; echo $? >io/status;");
+        const std::string killed =
+            pass("strace -qq -o /dev/null -e trace=" + std::string(call) + " -e inject=" + call +
+                 ":signal=KILL:when=" + std::to_string(n) + " $B --store root --passin $P " +
+                 crash.command + " >/dev/null 2>&1; echo $? >io/status;");
         if (test::readFile(dir_ + "/io/status") != "137\n") break;
         ++kills;
         EXPECT_THAT(killed, ::testing::AnyOf(before, after)) << crash.command << " " << call << n;
@@ -448,17 +460,62 @@ TEST_F(ToolTest, AKillAtAnyFileChangeLeavesTheOldOrTheNewCredentialWhole) {
 // no reader meets a pair whose key is not its certificate's or a file cut short, and the store
 // that is left passes check.
 TEST_F(ToolTest, ReadersNeverMeetAHalfChangeOfWritersKilledAtRandom) {
-  EXPECT_EQ(run("!w() { for i in $(seq 12); do timeout -s KILL 0.$((RANDOM % 90 + 10)) $B --store "
-                "root --passin $P \"$@\" >/dev/null 2>&1; done; } && r() { for i in $(seq 40); do "
-                "$B --store root --passin $P show $1 >/dev/null 2>&1; echo $?; done; } && c --store "
-                "root --passin $P self-signed --key ec:P-256 --email v@x >/dev/null && { w "
-                "self-signed --key ec:P-256 --email w@x --overwrite & w self-signed --key ec:P-256 "
-                "--email w@x --overwrite & w rename v_at_x u --overwrite & w rename u v_at_x & r w@x "
-                "& r v@x & } >io/reads; wait; sort -u io/reads | grep -v -x -e 0 -e 100; c "
-                "--store root --passin $P list >/dev/null; c --store root --passin $P check --days "
-                "0"),
-            0);
+  EXPECT_EQ(
+      run("!w() { for i in $(seq 12); do timeout -s KILL 0.$((RANDOM % 90 + 10)) $B --store "
+          "root --passin $P \"$@\" >/dev/null 2>&1; done; } && r() { for i in $(seq 40); do "
+          "$B --store root --passin $P show $1 >/dev/null 2>&1; echo $?; done; } && c --store "
+          "root --passin $P self-signed --key ec:P-256 --email v@x >/dev/null && { w "
+          "self-signed --key ec:P-256 --email w@x --overwrite & w self-signed --key ec:P-256 "
+          "--email w@x --overwrite & w rename v_at_x u --overwrite & w rename u v_at_x & r w@x "
+          "& r v@x & } >io/reads; wait; sort -u io/reads | grep -v -x -e 0 -e 100; c "
+          "--store root --passin $P list >/dev/null; c --store root --passin $P check --days "
+          "0"),
+      0);
   EXPECT_EQ(out_, "") << err_;
+}
+
+// One watch follows changes by the tool, by cp, mv and rm and by another program (openssl): each
+// appears as its lines (in any order within one change) well within the bound. Then a watch with
+// --initial and --json, ended by its timeout, and the first ended by SIGTERM, both exit 0.
+TEST_F(ToolTest, WatchPrintsEveryChangeAsItHappens) {
+  ASSERT_EQ(run("!(env -u CERTCACHE_STORE $B --store root --no-keys watch >io/watch & echo $! "
+                ">io/pid; wait $!; echo $? >io/rc) >/dev/null 2>&1 & sleep 0.5"),
+            0);
+  bool stopped = false;  // the watch ends with the test, whatever fails
+  const std::shared_ptr<void> stop(nullptr, [&](void*) {
+    if (!stopped) run("!kill -TERM $(cat io/pid)");
+  });
+  const std::vector<std::pair<std::string, std::string>> changes = {
+      {kPass + " self-signed --email w@x --key ec:P-256", "added w_at_x w_at_x"},
+      {"rename w_at_x w2", "added w2 w2 removed w_at_x w_at_x"},
+      {"!cp root/user/w2.crt root/user/copy.crt", "added copy copy"},
+      {"!mv root/user/copy.crt root/user/moved.crt", "added moved moved removed copy copy"},
+      {"!rm root/user/moved.crt", "removed moved moved"},
+      {"!openssl x509 -in root/user/w2.crt -out root/user/other.crt", "added other other"},
+      {"!openssl x509 -in root/user/w2.crt -outform PEM -out root/user/other.crt",
+       "changed other other"},
+  };
+  std::size_t seen = 0;
+  for (const auto& [args, lines] : changes) {
+    ASSERT_EQ(run(args), 0) << args << err_;
+    std::string printed;
+    for (int tries = 0; tries < 100 && test::words(printed).size() < test::words(lines).size();
+         ++tries) {
+      ::usleep(50000);
+      printed = test::readFile(dir_ + "/io/watch").substr(seen);
+    }
+    seen += printed.size();
+    std::vector<std::string> got = test::words(printed), expected = test::words(lines);
+    std::sort(got.begin(), got.end()), std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(got, expected) << args;
+  }
+  EXPECT_EQ(run("--no-keys --json watch --initial --timeout 1"), 0);
+  EXPECT_EQ(out_,
+            "{\"event\":\"added\",\"id\":\"other\",\"base_name\":\"other\"}\n"
+            "{\"event\":\"added\",\"id\":\"w2\",\"base_name\":\"w2\"}\n");
+  stopped = true;
+  EXPECT_EQ(run("!kill -TERM $(cat io/pid) && sleep 0.5 && cat io/rc"), 0);
+  EXPECT_EQ(out_, "0\n");
 }
 
 TEST_F(ToolTest, AsksTheTerminalWithoutEchoAndTwiceForANewKey) {

@@ -3,6 +3,7 @@
 
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <boost/filesystem/operations.hpp>
@@ -68,6 +69,14 @@ CertFileCache::CertFileCache(CertificateStore& store, boost::shared_ptr<Certific
   load();
 }
 
+CertFileCache::CertFileCache(CertificateStore& store, boost::shared_ptr<CertificateFilter> filter,
+                             bool withPrivateKeys,
+                             std::unordered_map<std::string, std::string> index)
+    : store_(store),
+      filter_(std::move(filter)),
+      withPrivateKeys_(withPrivateKeys),
+      index_(std::move(index)) {}
+
 fs::path CertFileCache::filePath(const std::string& location, const std::string& baseName,
                                  const char* extension) const {
   return credentialFile(cacheDirectory(location, filter_->subdirectory()), baseName, extension);
@@ -126,55 +135,72 @@ unsigned long CertFileCache::loadFromDir(const std::string& dir, unsigned long& 
   if (!listing.isOpen()) return 0;
   index_.reserve(index_.size() + listing.size() / (withPrivateKeys_ ? 2 : 1));
   std::string buffer;  // one for every file of the directory
-  std::string name;
+  std::string id;
   for (std::size_t i = 0; i < listing.size(); ++i) {
     // Type first, then extension.
     if (!listing.isRegularFile(i)) continue;
     const std::string_view fileName = listing.name(i);
-    const std::size_t dot = fileName.rfind('.');
-    if (dot == std::string_view::npos ||
-        to_lowercase(std::string(fileName.substr(dot))) != kCertExtension) {
-      continue;
-    }
-    const auto file = [&dir, fileName] { return fs::path(dir) / std::string(fileName); };
-
-    name.assign(fileName);
-    std::size_t length = 0;
-    const ReadAtResult read =
-        readSmallFileAt(listing.fd(), name.c_str(), kMaxCredentialFileSize, buffer, length);
-    // A file removed since the listing is skipped, as a later listing would.
-    if (read == ReadAtResult::kGone) continue;
-    std::shared_ptr<Certificate> certificate =
-        read == ReadAtResult::kRead
-            ? Certificate::createFromContents(std::string_view(buffer.data(), length), false)
-            : nullptr;
-    if (!certificate) {
-      TAVIK_LOG_WARNING(logHandle) << "Loading certificate from " << file() << " failed";
-      continue;
-    }
-    if (!filter_->acceptsCertificate(certificate)) {
-      TAVIK_LOG_WARNING(logHandle)
-          << "The certificate in " << file() << " is not the required type";
-      continue;
-    }
+    const std::size_t dot = certExtensionAt(fileName);
+    if (dot == std::string_view::npos) continue;
+    const Entry entry = examineFile(dir, listing.fd(), fileName, &listing, buffer, id);
+    if (entry == Entry::kSkipped || entry == Entry::kUnreadable) continue;
     ++count;
-    const std::string baseName(fileName.substr(0, dot));
-
-    if (!withPrivateKeys_) {
-      ++entered;
-      addFileToCache(baseName, baseName, dir.c_str());
-      continue;
-    }
-    if (!listing.exists(baseName + kKeyExtension)) {
-      TAVIK_LOG_DEBUG(logHandle) << "Certificate without private key. File missing: "
-                                 << credentialFile(dir, baseName, kKeyExtension);
-      continue;
-    }
+    if (entry == Entry::kWithoutKey) continue;
     ++entered;
-    addFileToCache(filter_->certificateId(certificate), baseName, dir.c_str());
+    addFileToCache(id, std::string(fileName.substr(0, dot)), dir.c_str());
   }
   listing.throwIfIncomplete();
   return entered;
+}
+
+std::size_t CertFileCache::certExtensionAt(std::string_view fileName) {
+  const std::size_t dot = fileName.rfind('.');
+  if (dot == std::string_view::npos ||
+      to_lowercase(std::string(fileName.substr(dot))) != kCertExtension) {
+    return std::string_view::npos;
+  }
+  return dot;
+}
+
+CertFileCache::Entry CertFileCache::examineFile(const std::string& dir, int dirFd,
+                                                std::string_view fileName,
+                                                const DirectoryListing* listing,
+                                                std::string& buffer, std::string& id) const {
+  const auto file = [&dir, fileName] { return fs::path(dir) / std::string(fileName); };
+  const std::string name(fileName);
+  std::size_t length = 0;
+  const ReadAtResult read =
+      readSmallFileAt(dirFd, name.c_str(), kMaxCredentialFileSize, buffer, length);
+  // A file removed since the listing is skipped, as a later listing would.
+  if (read == ReadAtResult::kGone) return Entry::kSkipped;
+  std::shared_ptr<Certificate> certificate =
+      read == ReadAtResult::kRead
+          ? Certificate::createFromContents(std::string_view(buffer.data(), length), false)
+          : nullptr;
+  if (!certificate) {
+    TAVIK_LOG_WARNING(logHandle) << "Loading certificate from " << file() << " failed";
+    return Entry::kUnreadable;
+  }
+  if (!filter_->acceptsCertificate(certificate)) {
+    TAVIK_LOG_WARNING(logHandle) << "The certificate in " << file() << " is not the required type";
+    return Entry::kSkipped;
+  }
+  const std::string baseName(fileName.substr(0, certExtensionAt(fileName)));
+  if (!withPrivateKeys_) {
+    id = baseName;
+    return Entry::kEntered;
+  }
+  // Without a listing, the file system says whether the key is there, links followed.
+  struct stat info {};
+  const std::string keyName = baseName + kKeyExtension;
+  if (listing != nullptr ? !listing->exists(keyName)
+                         : ::fstatat(dirFd, keyName.c_str(), &info, 0) != 0) {
+    TAVIK_LOG_DEBUG(logHandle) << "Certificate without private key. File missing: "
+                               << credentialFile(dir, baseName, kKeyExtension);
+    return Entry::kWithoutKey;
+  }
+  id = filter_->certificateId(certificate);
+  return Entry::kEntered;
 }
 
 void CertFileCache::addFileToCache(const std::string& id, const std::string& file,

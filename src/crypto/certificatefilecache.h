@@ -52,6 +52,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -63,6 +64,9 @@
 #include "crypto/credentialprofile.h"
 
 namespace tavik {
+
+class CertStoreWatcher;
+class DirectoryListing;
 
 class CertFileCache {
  public:
@@ -278,6 +282,29 @@ class CertFileCache {
   int saveCert(const std::string& id, const std::string& certBase64, bool overwrite);
 
  private:
+  // The watcher builds each index it publishes from the last one plus the files
+  // that changed, by the scan's own rules, without scanning the store again.
+  friend class CertStoreWatcher;
+
+  // What the scan makes of one certificate file: left out (of another kind,
+  // or gone; not counted), left out because it holds no certificate (perhaps
+  // not yet: a writer may be at work), counted without its key, or entered.
+  enum class Entry { kSkipped, kUnreadable, kWithoutKey, kEntered };
+
+  // A cache over `index` as it stands: no scan, no statement.
+  CertFileCache(CertificateStore& store, boost::shared_ptr<CertificateFilter> filter,
+                bool withPrivateKeys, std::unordered_map<std::string, std::string> index);
+
+  // Where the ".crt" extension of `fileName` starts, in any letter case; npos
+  // when it has none.
+  static std::size_t certExtensionAt(std::string_view fileName);
+  // Reads the certificate file `fileName` of the cache directory `dir` (open
+  // as `dirFd`), with the scan's checks and statements. On kEntered, `id` is
+  // its identifier. Whether its key is there comes from `listing` when given,
+  // else from the file system. `buffer` is reused from file to file.
+  Entry examineFile(const std::string& dir, int dirFd, std::string_view fileName,
+                    const DirectoryListing* listing, std::string& buffer, std::string& id) const;
+
   unsigned long loadFromDir(const std::string& dir, unsigned long& count);
   void addFileToCache(const std::string& id, const std::string& file, const char* from);
 

@@ -115,7 +115,7 @@ void addGlobalOptions(CLI::App& app, Invocation& invocation) {
   app.add_flag("-v,--verbose", invocation.verbosity,
                "One log level more per use: -v warning, -vv info, -vvv debug");
   app.add_flag("--json", invocation.json,
-               "Machine-readable output for list, show, files, expiring, check and verify");
+               "Machine-readable output for list, show, files, expiring, check, verify and watch");
 }
 
 void addEmailOptions(CLI::App& command, Invocation& invocation, const char* verb) {
@@ -317,6 +317,19 @@ void addCommands(CLI::App& app, Invocation& invocation) {
       ->type_name("ID");
   import->add_flag("--overwrite", invocation.overwrite, "Replace a pair that is installed");
   describeCommand(*import, "--passin file:p12pw.txt --passout env:PW import alice.p12");
+
+  CLI::App* watch = app.add_subcommand(
+      "watch",
+      "What changes in the store, as it happens: added, removed and changed lines "
+      "(ID<TAB>BASENAME), each within a second of the change; ends on SIGINT or SIGTERM. "
+      "Takes no lock");
+  watch->add_flag("--initial", invocation.initial, "First an added line for everything there");
+  watch
+      ->add_option("--timeout", invocation.timeoutSeconds,
+                   "End after SECONDS, e.g. --timeout 60. Default: at a signal only")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(1L, 100000000L).description(""));
+  describeCommand(*watch, "--kind ca --no-keys watch --initial --json");
 }
 
 // CLI11's messages are one line already; this keeps it so whatever they hold.

@@ -40,6 +40,8 @@ struct Invocation {
   bool legacyKey = false;        // --key legacy: the cache's members without a profile make them
   CredentialProfile credential;  // self-signed, request, renew, import: --key, self-signed --days
   int days = 30;
+  bool initial = false;     // watch --initial
+  long timeoutSeconds = 0;  // watch --timeout; 0: until a signal
 };
 
 // Parses the command line into `invocation`; options may stand before or after

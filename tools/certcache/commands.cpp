@@ -19,6 +19,7 @@
 #include "storecommit.h"
 #include "storefiles.h"
 #include "toolerror.h"
+#include "watchcommand.h"
 
 namespace tavik {
 namespace cli {
@@ -222,6 +223,7 @@ int runCommand(const Invocation& invocation, std::ostream& out) {
   if (command == "verify") return verifyCommand(invocation, out);
   if (command == "export") return exportCommand(invocation, out);
   if (command == "import") return importCommand(invocation, out);
+  if (command == "watch") return watchCommand(invocation, out);
   throw ToolError(kExitUsage, "unknown command '" + command + "'");
 }
 

@@ -83,6 +83,10 @@ StoreSession::StoreSession(const StoreOptions& options, StoreAccess access)
     checkExists(root, "the store root");
     for (const std::string& location : options.locations) checkExists(location, "the location");
   }
+  if (access == StoreAccess::kWatch) {
+    store_ = std::make_unique<CertificateStore>(root, std::move(locations));
+    return;
+  }
   const bool reading = access == StoreAccess::kRead || access == StoreAccess::kInspect;
   lock_ = std::make_unique<StoreLock>(
       root, reading ? StoreLock::Mode::kShared : StoreLock::Mode::kExclusive);

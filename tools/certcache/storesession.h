@@ -33,7 +33,9 @@ std::string defaultStoreRoot();
 // completes a change that a dead run left (storecommit.h), so nobody reads or
 // changes a half change. Inspecting reads with a shared lock and leaves such
 // a change as it is, so that it can be reported.
-enum class StoreAccess { kRead, kChange, kCreate, kInspect };
+// kWatch: checked as for reading, but neither locked nor scanned: the store
+// watcher scans it and follows it for as long as it likes.
+enum class StoreAccess { kRead, kChange, kCreate, kInspect, kWatch };
 
 class StoreSession {
  public:
@@ -46,6 +48,7 @@ class StoreSession {
   StoreSession& operator=(const StoreSession&) = delete;
 
   CertFileCache& cache() { return *cache_; }
+  CertificateStore& store() { return *store_; }
   CertificateFilter& filter() { return *filter_; }
   const boost::shared_ptr<CertificateFilter>& sharedFilter() const { return filter_; }
   const std::string& root() const { return store_->getRoot(); }

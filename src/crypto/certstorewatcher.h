@@ -1,0 +1,103 @@
+// A store that follows its files: the index of a CertFileCache, kept up to
+// date while other processes (the certcache tool, cp, mv, rm, other programs
+// of the library) change the store, for programs that run for months.
+//
+// The watcher scans the store once when it is made, then a thread of its own
+// listens to the kernel's change notification (inotify) on every location and
+// its cache directory, re-reads only the files that changed, by the scan's own
+// rules, and publishes a new index as an immutable CertFileCache. Each
+// published index is what a new cache would hold over the files as they stood
+// at one moment: the later location wins, a key-holding cache enters a
+// certificate only when its key lies beside it. Readers take current() and
+// look up in it from any number of threads; nothing they hold ever changes.
+//
+// When the kernel's queue overflows, the watcher scans the store again; when
+// notification cannot be set up at all, it scans once a second. A scan that
+// fails (a directory that cannot be listed, a link that loops) keeps the last
+// good index, is logged, and is tried again on the next change.
+#ifndef TAVIK_CRYPTO_CERTSTOREWATCHER_H_
+#define TAVIK_CRYPTO_CERTSTOREWATCHER_H_
+
+#include <boost/shared_ptr.hpp>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/certificate.h"
+#include "base/certificatefilter.h"
+#include "base/certificatestore.h"
+#include "crypto/certificatefilecache.h"
+
+namespace tavik {
+
+// What one publication changed: identifiers that entered the index, that left
+// it, and whose certificate file was rewritten or whose base name changed.
+struct StoreChanges {
+  std::vector<std::string> added, removed, changed;
+};
+
+class CertStoreWatcher {
+ public:
+  // Scans `store` (which must outlive the watcher) as a CertFileCache with the
+  // same arguments would, then follows it on a thread of its own.
+  CertStoreWatcher(CertificateStore& store, boost::shared_ptr<CertificateFilter> filter,
+                   bool withPrivateKeys);
+  // Stops watching; returns when its thread is gone. No listener call is made
+  // afterwards.
+  ~CertStoreWatcher();
+  CertStoreWatcher(const CertStoreWatcher&) = delete;
+  CertStoreWatcher& operator=(const CertStoreWatcher&) = delete;
+
+  // The index as of one moment, never changed afterwards: its lookups are
+  // safe from any number of threads while the watcher publishes newer ones.
+  // Never null: the constructor returns after a first full scan. Callers must
+  // not load() it: it is shared.
+  std::shared_ptr<const CertFileCache> current() const;
+  // Grows by one with every published index; the first scan's is 1.
+  std::uint64_t generation() const;
+  // True once an index newer than `generation` is published, false after `timeout`.
+  bool waitForNewer(std::uint64_t generation, std::chrono::milliseconds timeout) const;
+  // Called on the watcher's thread after each publication with the identifiers
+  // added, removed and changed. An index is published only when it differs
+  // from the last one or a certificate in it was rewritten. The listener must
+  // not destroy the watcher.
+  void setListener(std::function<void(const StoreChanges&)> listener);
+  // current()->getCertificate (the certificate decoded whole), except that a
+  // pair caught between its writes (certificate and key that do not match, or
+  // a file missing mid-rename: 1000101, 1000103, 1000104 while the pair's
+  // files or their directory changed within the last second) is read again
+  // until its files have settled, waiting at most one second, before a
+  // failure is reported.
+  std::shared_ptr<Certificate> getCertificate(const std::string& id, const std::string& password,
+                                              int& errorCode) const;
+
+ private:
+  class Follower;  // the watcher thread's state: what each file gave, the notification
+
+  // Makes `index` current and tells the listener; on the watcher's thread.
+  void publish(std::shared_ptr<const CertFileCache> index, const StoreChanges& changes);
+  // Whether a failed lookup of `id` met files that are still being written.
+  bool caughtBetweenWrites(const CertFileCache& index, const std::string& id, int errorCode) const;
+
+  std::vector<std::string> locations_;  // as the store gave them when the watcher was made
+  std::string subdirectory_;
+
+  mutable std::mutex mutex_;  // guards current_, generation_ and listener_
+  mutable std::condition_variable published_;
+  std::shared_ptr<const CertFileCache> current_;
+  std::uint64_t generation_ = 0;
+  std::function<void(const StoreChanges&)> listener_;
+
+  std::unique_ptr<Follower> follower_;
+  std::thread thread_;
+};
+
+}  // namespace tavik
+
+#endif  // TAVIK_CRYPTO_CERTSTOREWATCHER_H_

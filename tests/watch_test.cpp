@@ -1,0 +1,181 @@
+// The store watcher as a table of changes made by other programs (cp, mv, rm, ln, a program
+// writing files): after each, the watcher's index is what a fresh cache holds over the same
+// files, and its listener heard exactly the changes of the row. Then readers beside a writer
+// that rotates one pair.
+#include <openssl/x509.h>
+
+#include <atomic>
+#include <thread>
+
+#include "crypto/certstorewatcher.h"
+#include "support/storetest.h"
+
+namespace tavik {
+namespace {
+
+struct Change {
+  const char* name;
+  const char* kind;    // T::open
+  const char* before;  // T::put entries
+  // ';'-separated: "sh COMMAND" (a shell, %D and %S the cache directories), "unchanged" (no
+  // index was published so far), or a T::script call.
+  const char* calls;
+  // "+ID", "-ID", "~ID", sorted: per identifier the net effect of what the listener heard
+  // (a pair renamed in two steps may be heard as removed, then added).
+  const char* heard;
+  const char* logged = "";  // the watcher's warning or error; a final '*' matches a prefix
+};
+void PrintTo(const Change& c, std::ostream* out) { *out << c.name; }
+
+// clang-format off
+const Change kChanges[] = {
+    {"ProgramWritesPair", "keys", "", "put a_at_x.crt; put a_at_x.key", "+a@x"},
+    {"KeyRemoved", "keys", "a_at_x.crt a_at_x.key", "sh rm '%D/a_at_x.key'", "-a@x"},
+    {"PairRenamedKeepsId", "keys", "a_at_x.crt a_at_x.key",
+     "sh cd '%D' && python3 -c '[__import__(\"os\").rename(a, b) for a, b in "
+     "((\"a_at_x.crt\", \"b.crt\"), (\"a_at_x.key\", \"b.key\"))]'", "~a@x"},
+    {"PlainRenamed", "plain", "a.crt", "sh mv '%D/a.crt' '%D/b.crt'", "+b -a"},
+    {"CopiedUnderUpperCase", "plain", "a.crt", "sh cp '%D/a.crt' '%D/A.CRT'", "+A"},
+    {"Rewritten", "plain", "a.crt", "put a.crt=email:z@x", "~a"},
+    {"NotRequiredTypeLeaves", "plain", "a.crt", "put a.crt=ca:CN=Root", "-a",
+     "warning: The certificate in <%D/a.crt> is not the required type"},
+    {"LaterLocationLosesItsKey", "keys2", "a_at_x.crt a_at_x.key 2:b.crt=email:a@x 2:b.key",
+     "sh rm '%S/b.key'", "~a@x"},
+    {"LocationAppearsLater", "plain2", "a.crt",
+     "sh mkdir -p '%S' && cp '%D/a.crt' '%S/c.crt'", "+c"},
+    {"CacheDirectoryReplaced", "plain", "a.crt",
+     "sh mkdir '%D.new' && cp '%D/a.crt' '%D.new/d.crt' && rm -r '%D' && mv '%D.new' '%D'",
+     "+d -a"},
+    {"LoopingLinkKeepsLastIndex", "plain", "a.crt",
+     "sh ln -s self.crt '%D/self.crt'; sh sleep 0.3; unchanged; unlink self.crt; put b.crt", "+b",
+     "src/crypto/certstorewatcher.cpperror: Rescanning the store failed, keeping the last "
+     "index: boost::filesystem::status: Too many levels of symbolic links*"},
+};
+// clang-format on
+
+class WatchTest : public test::StoreTest, public ::testing::WithParamInterface<Change> {};
+
+TEST_P(WatchTest, IndexIsAFreshCachesAfterEachChange) {
+  const Change& c = GetParam();
+  put(test::words(c.before));
+  open(std::string(c.kind) + "q");
+  std::mutex lock;                         // the watcher's thread logs and tells its listener
+  std::vector<std::string> heard, logged;  // by the watcher's thread
+  std::uint64_t heardOf = 1;               // the generation the listener heard last
+  const std::thread::id test = std::this_thread::get_id();
+  LogFacility::setSink([&](const LogRecord& record) {
+    const std::lock_guard<std::mutex> held(lock);
+    if (record.level <= LogMask::warning && std::this_thread::get_id() != test)
+      logged.push_back((record.file == "src/crypto/certificatefilecache.cpp" ? "" : record.file) +
+                       LogFacility::levelName(record.level) + (": " + record.message));
+  });
+  CertificateStore store = *store_;  // open() below makes a new one for the fresh cache
+  CertStoreWatcher watcher(store, filter_, c.kind[0] == 'k');
+  watcher.setListener([&](const StoreChanges& changes) {
+    const std::lock_guard<std::mutex> held(lock);
+    for (const auto& [sign, ids] :
+         {std::make_pair('+', &changes.added), std::make_pair('-', &changes.removed),
+          std::make_pair('~', &changes.changed)})
+      for (const std::string& id : *ids) heard.push_back(sign + id);
+    heardOf = watcher.generation();
+  });
+  std::istringstream calls(c.calls);
+  for (std::string call; std::getline(calls, call, ';');) {
+    call = call.substr(call.find_first_not_of(' '));
+    const bool sh = call.compare(0, 3, "sh ") == 0, unchanged = call == "unchanged";
+    EXPECT_EQ(sh ? test::shell(expand(call.substr(3))) : 0, 0) << call;
+    EXPECT_EQ(unchanged ? watcher.generation() : 1u, 1u);
+    if (!sh && !unchanged) script(call);
+  }
+  // A fresh cache's index over the files as they now stand, then the watcher's, until they agree.
+  open(c.kind);
+  const std::vector<std::string> fresh = index();
+  std::vector<std::string> watched;
+  const auto heardAll = [&] {
+    const std::lock_guard<std::mutex> held(lock);
+    return heardOf == watcher.generation() && !heard.empty();
+  };
+  for (int tries = 0; tries < 50 && (tries == 0 || watched != fresh || !heardAll()); ++tries) {
+    if (tries != 0) watcher.waitForNewer(watcher.generation(), std::chrono::milliseconds(100));
+    std::vector<std::string> ids;
+    watcher.current()->listIds(ids);
+    watched.clear();
+    for (const std::string& id : ids)
+      watched.push_back(id + "=" + watcher.current()->getFileBaseName(id));
+  }
+  EXPECT_EQ(watched, fresh);
+  const std::lock_guard<std::mutex> held(lock);
+  std::map<std::string, std::string> net;  // id -> first sign heard, last sign heard
+  for (const std::string& event : heard) {
+    std::string& signs = net[event.substr(1)];
+    signs = (signs.empty() ? event.substr(0, 1) : signs.substr(0, 1)) + event[0];
+  }
+  std::vector<std::string> netHeard, expected = test::words(c.heard);
+  for (const auto& [id, signs] : net) {
+    const bool before = signs[0] != '+', after = signs[1] != '-';
+    if (before || after) netHeard.push_back((before && after ? "~" : after ? "+" : "-") + id);
+  }
+  std::sort(netHeard.begin(), netHeard.end()), std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(netHeard, expected) << ::testing::PrintToString(heard);
+  // A file caught half written may warn as a fresh cache would at that moment; the watcher's
+  // own errors are exactly the row's.
+  const std::string said = expand(c.logged);
+  const std::size_t prefix = said.find('*');
+  const auto starts = [&](const std::string& line) {
+    return line.substr(0, prefix) == said.substr(0, prefix);
+  };
+  const auto own = [](const std::string& line) {
+    return line.find("certstorewatcher") != std::string::npos;
+  };
+  EXPECT_EQ(std::count_if(logged.begin(), logged.end(), own),
+            std::count_if(logged.begin(), logged.end(), starts) * own(said))
+      << ::testing::PrintToString(logged);
+  EXPECT_TRUE(said.empty() || std::any_of(logged.begin(), logged.end(), starts))
+      << ::testing::PrintToString(logged);
+}
+
+INSTANTIATE_TEST_SUITE_P(Watch, WatchTest, ::testing::ValuesIn(kChanges),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+// A writer rotates one pair in place with the library's own writers while readers look it up
+// through the watcher: each certificate comes with its own key, and the right password never
+// reads as a wrong one.
+using WatchRotation = test::StoreTest;
+TEST_F(WatchRotation, ReadersNeverGetAForeignKeyOrAWrongPassword) {
+  CredentialProfile profile;
+  profile.key = CredentialProfile::Key::ecP256;
+  profile.kdfIterations = 1000;
+  CertFileCache& writer = open("keysq");
+  ASSERT_EQ(writer.createSelfSignedKeyPair("", "r@x", "pw", 0, profile), 0);
+  CertStoreWatcher watcher(*store_, filter_, true);
+  LogFacility::setUp(false);  // the readers' retries warn, as lookups do
+  std::atomic<bool> done{false};
+  std::atomic<int> reads{0}, foreign{0}, refused{0}, lastCode{0};
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 4; ++i) {
+    readers.emplace_back([&] {
+      while (!done) {
+        int code = 0;
+        std::shared_ptr<Certificate> found = watcher.getCertificate("r@x", "pw", code);
+        ++reads;
+        if (found && X509_check_private_key(found->getX509(), found->getPrivateKey()) != 1)
+          ++foreign;
+        if (!found) ++refused, lastCode = code;
+      }
+    });
+  }
+  for (int i = 0; i < 30; ++i) {
+    EXPECT_EQ(
+        writer.createSelfSignedKeyPair("", "r@x", "pw", CertFileCache::overwriteExisting, profile),
+        0);
+  }
+  done = true;
+  for (std::thread& reader : readers) reader.join();
+  LogFacility::setUp(true);
+  EXPECT_GT(reads.load(), 0);
+  EXPECT_EQ(foreign.load(), 0);
+  EXPECT_EQ(refused.load(), 0) << lastCode;
+}
+
+}  // namespace
+}  // namespace tavik
