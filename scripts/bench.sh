@@ -79,6 +79,17 @@ root="$stores/store-$largest"
 /usr/bin/time -o "$results/rss-list.txt" -f "peak_kib=%M" \
   "$build"/tools/certcache/certcache --store "$root" list > /dev/null
 
+# The watcher, on a copy of the largest store (its modes add and rewrite pairs):
+# a change's latency and CPU, memory against a cache's, readers beside a rotating writer.
+copy="$build/watcher-store"
+rm -rf "$copy" && cp -a "$root" "$copy"
+watcher_probe="$build/bench/tavik_watcher_probe"
+"$watcher_probe" rss cache "$copy" > "$results/watcher-rss-cache.txt"
+"$watcher_probe" rss watcher "$copy" > "$results/watcher-rss-watcher.txt"
+"$watcher_probe" change "$copy" "$build/tools/certcache/certcache" 20 > "$results/watcher-change.txt"
+"$watcher_probe" rotate "$copy" 1000 8 > "$results/watcher-rotate.txt"
+rm -rf "$copy"
+
 # User and system CPU time of one opening, with the cache and the bare loop, each
 # in a process of its own.
 for size in "${sizes[@]}"; do
