@@ -23,7 +23,8 @@ openssl x509 -req -in u.csr -CA userca.crt -CAkey userca.key -days 1 -copy_exten
 "$server" cas server.crt server.key 0 40 60 >server.out &
 pid=$!
 trap 'kill $pid 2>/dev/null || true' EXIT
-while ! grep -q port= server.out; do sleep 0.1; done
+for _ in $(seq 100); do grep -q port= server.out && break; sleep 0.1; done
+grep -q port= server.out || { echo "the server did not start" >&2; exit 1; }
 port=$(sed -n 's/port=//p' server.out)
 hello() {
   echo | openssl s_client -connect "127.0.0.1:$port" -cert u.crt -key u/user/u_at_x.key \
