@@ -15,6 +15,7 @@
 #include <openssl/ssl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <boost/make_shared.hpp>
@@ -110,6 +111,13 @@ int main(int argc, char** argv) {
       const std::string line = "hello " + clientName(ssl.get()) + "\n";
       SSL_write(ssl.get(), line.data(), static_cast<int>(line.size()));
       SSL_shutdown(ssl.get());
+      // Read until the client closes too (two seconds at most): a socket closed over unread
+      // data resets the connection, and the reset can take the reply with it.
+      const timeval patience{2, 0};
+      setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+      char drained[256];
+      while (SSL_read(ssl.get(), drained, sizeof drained) > 0) {
+      }
       std::cout << line << std::flush;
     } else {
       const char* reason = ERR_reason_error_string(ERR_peek_last_error());
