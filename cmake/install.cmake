@@ -14,7 +14,7 @@ install(TARGETS tavik_certcache EXPORT tavik_certcacheTargets
 # library's own business.
 foreach(header
     crypto/certificatefilecache.h crypto/certreq.h crypto/credentialprofile.h
-    crypto/certstorewatcher.h
+    crypto/certstorewatcher.h crypto/certificatechain.h
     base/certificate.h base/certificateidentity.h base/certificatefilter.h
     base/certificatestore.h base/configurationinit.h base/environment.h
     base/filename.h base/opensslutil.h base/stringutil.h

@@ -58,6 +58,8 @@ const std::string kMade = "debug: Success making requests",
 const std::string kText =
     "debug: Created certificate request: \n-----BEGIN CERTIFICATE REQUEST-----*";
 const std::string kLong(129, 'l');
+const std::string kChain = "src/crypto/certificatechain.cpp",
+                  kAuthorities = kChain + "debug: Found ", kIn = " certificate(s) for chains in 2 location(s)";
 const std::string kNoProfile = "error: Can't use credential profile: ";
 // The extensions of a profile's certificate for `email` whose key's second use is `use`.
 std::string kUses(const std::string& email, const std::string& use) {
@@ -327,6 +329,26 @@ const Case kCases[] = {
    {"-> 0", "-> 0", "-> 0", "-> 0", "-> 0", "-> 11", "-> 11", "-> 0", "-> 0", "-> 0", "-> 0",
     "-> 0", "-> 0", "-> 1", "-> 1"}, 0,
    [](T& t) { test::writeFile(t.dir_ + "/victim.tpk", "victim"), LogFacility::setLevels(0); }},
+  // ---- the path above a certificate, through the authorities of every location
+  {"ChainRunsThroughTheIssuerValidNowAcrossLocations", "ca/r.crt=by:R:0:R:0 ca/o.crt=by:I:1:R:0:x "
+   "ca/decoy.crt=by:I:3:R:0 2:ca/i.crt=by:I:1:R:0 l.crt=by:l@x:2:I:1:n", "chain l.crt", "l.crt", "",
+   {kAuthorities + "4" + kIn, kChain + "info: Passed over <%R/ca/o.crt> as the issuer of CN=l@x: "
+    "not valid now", "-> l@x I R complete"}},
+  {"ChainEndsWhereItLoopsOrNoAuthorityIssued", "ca/a.crt=by:A:1:B:2 ca/b.crt=by:B:2:A:1 "
+   "ca/p.crt=by:P:1:P:1:n l.crt=by:l@x:3:A:1:n m.crt=by:m@x:3:P:1:n s.crt=by:s@x:3:s@x:3:n",
+   "chain l.crt; chain m.crt; chain s.crt", "l.crt m.crt s.crt", "",
+   {kAuthorities + "3" + kIn, kChain + "warning: The chain of CN=l@x loops back to <%R/ca/a.crt>",
+    "-> l@x A B open", kAuthorities + "3" + kIn, kChain + "warning: Passed over <%R/ca/p.crt> as "
+    "the issuer of CN=m@x: not an authority", "-> m@x open", kAuthorities + "3" + kIn,
+    "-> s@x complete"}},
+  {"ChainIsCutOffAfterTenSteps", "l.crt=by:l@x:3:C1:2:n", "chain l.crt", "l.crt", "",
+   {kAuthorities + "12" + kIn, kChain + "warning: The chain of CN=l@x is cut off after 10 steps",
+    "-> l@x C1 C2 C3 C4 C5 C6 C7 C8 C9 C10 open"}, 0, [](T& t) {
+     for (int i = 1; i <= 12; ++i)
+       t.put({"ca/c" + std::to_string(i) + ".crt=by:C" + std::to_string(i) + ":" +
+              std::to_string(1 + i % 2) + ":C" + std::to_string(i + 1) + ":" +
+              std::to_string(1 + (i + 1) % 2)});
+   }},
   // ---- as a user whom the file system refuses, run by run_unprivileged.sh
   {"UnreadableCertificateIsSkippedWithItsWarning", "locked.crt",
    "chmod locked.crt 0; open plain; chmod locked.crt 600", "locked.crt", "",

@@ -27,6 +27,9 @@ inline void freeGeneralNames(GENERAL_NAMES* names) { GENERAL_NAMES_free(names); 
 inline void freeExtensions(STACK_OF(X509_EXTENSION) * extensions) {
   sk_X509_EXTENSION_pop_free(extensions, X509_EXTENSION_free);
 }
+inline void freeCertificates(STACK_OF(X509) * certificates) {
+  sk_X509_pop_free(certificates, X509_free);
+}
 // OPENSSL_free is a macro; memory OpenSSL hands out must go back through it.
 template <typename T>
 void freeOpenSSLMemory(T* memory) {
@@ -49,6 +52,8 @@ using EvpPkeyCtxPtr = OpenSSLPtr<EVP_PKEY_CTX, EVP_PKEY_CTX_free>;
 using BasicConstraintsPtr = OpenSSLPtr<BASIC_CONSTRAINTS, BASIC_CONSTRAINTS_free>;
 using GeneralNamesPtr = OpenSSLPtr<GENERAL_NAMES, openssl_detail::freeGeneralNames>;
 using X509ExtensionsPtr = OpenSSLPtr<STACK_OF(X509_EXTENSION), openssl_detail::freeExtensions>;
+// A stack of certificates that holds a reference to each.
+using X509StackPtr = OpenSSLPtr<STACK_OF(X509), openssl_detail::freeCertificates>;
 // Bytes and text that OpenSSL allocated for the caller.
 using OpenSSLBytesPtr = OpenSSLPtr<unsigned char, openssl_detail::freeOpenSSLMemory<unsigned char>>;
 using OpenSSLCharsPtr = OpenSSLPtr<char, openssl_detail::freeOpenSSLMemory<char>>;

@@ -20,6 +20,7 @@
 #include <sstream>
 
 #include "base/environment.h"
+#include "crypto/certificatechain.h"
 #include "crypto/certificatefilecache.h"
 #include "log/log.h"
 #include "support/certbuilder.h"
@@ -34,6 +35,12 @@ inline std::string quote(const std::string& text) { return "'" + text + "'"; }  
 inline std::vector<std::string> words(const std::string& text) {
   std::istringstream in(text);
   return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
+}
+inline std::vector<std::string> words(const std::string& text, char separator) {
+  std::vector<std::string> parts;
+  std::istringstream in(text);
+  for (std::string part; std::getline(in, part, separator);) parts.push_back(part);
+  return parts;
 }
 inline std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -95,17 +102,20 @@ class StoreTest : public ::testing::Test {
       shell("chmod -R u+rwx " + quote(dir_) + "; rm -rf " + quote(dir_));
   }
 
-  // A file in the root's cache directory ("a.crt"), or in the second location's ("2:a.crt").
+  // A file in the root's cache directory ("a.crt"), or in the second location's ("2:a.crt");
+  // "ca/a.crt" and "2:ca/a.crt" are in the authorities' directories.
   std::string path(const std::string& where) const {
     const bool second = where.compare(0, 2, "2:") == 0;
     const std::string name = where.substr(2 * second);
-    return (second ? second_ : root_) + "/user" + (name.empty() ? "" : "/" + name);
+    return (second ? second_ : root_) + (name.compare(0, 3, "ca/") == 0 ? "" : "/user") +
+           (name.empty() ? "" : "/" + name);
   }
 
   // Makes files named as path() names them ("x/": a directory holding a file). After '=' comes
   // the content: "key:N[:PASSWORD]" (testKey(N) under "pw" or PASSWORD), "email:ADDRESS" (a user
   // certificate), "der", "ca:SUBJECT" (an authority), "cert:SUBJECT" (no extensions; SUBJECT as
-  // "CN=a/emailAddress=b") or text. By default a ".crt" is a user certificate whose address is
+  // "CN=a/emailAddress=b"), "by:CN:N:ISSUER:M[:FLAGS]" (an authority CN=CN of testKey(N) issued
+  // by CN=ISSUER with testKey(M); FLAGS "n": CA:FALSE, "x": expired) or text. By default a ".crt" is a user certificate whose address is
   // the base name with "_at_" read as "@" (else "@x" appended), and any other file is testKey(0).
   void put(const std::vector<std::string>& entries) {
     for (const std::string& entry : entries) {
@@ -125,6 +135,16 @@ class StoreTest : public ::testing::Test {
       }
       static std::map<std::string, std::string> made;  // signing is slow
       if (!made[content].empty()) content = made[content];
+      if (content.compare(0, 3, "by:") == 0) {
+        const std::vector<std::string> part = words(content.substr(3) + ": ", ':');
+        const X509Ptr issuer = makeCertificate({{{"CN", part[2]}}, {}, testKey(std::stoi(part[3]))});
+        content = made[content] = toPem(
+            makeCertificate({{{"CN", part[0]}},
+                             {{NID_basic_constraints, part[4][0] == 'n' ? "CA:FALSE" : "CA:TRUE"}},
+                             testKey(std::stoi(part[1])), part[4][0] == 'x' ? -1 : 365,
+                             testKey(std::stoi(part[3])), issuer.get()})
+                .get());
+      }
       if (content.compare(0, 3, "ca:") == 0 || content.compare(0, 5, "cert:") == 0) {
         CertRecipe recipe;
         std::istringstream parts(content.substr(content.find(':') + 1));
@@ -200,7 +220,8 @@ class StoreTest : public ::testing::Test {
   // EMAIL", "selfsigned SUBJECT EMAIL PASSWORD FLAGS", "csr SUBJECT EMAIL PASSWORD FLAGS",
   // "cleanup SUBJECT EMAIL", "install ID EMAIL|junk|garbage|nomail OVERWRITE", "request EMAIL"
   // (CertReq), "verify KEYFILE|-", "put ENTRY", "cadir", "unlink FILE", "chmod FILE MODE",
-  // "umask MODE", "fsize N", "mode FILE", "seed" (an error on OpenSSL's queue), "queue" (noted
+  // "umask MODE", "fsize N", "mode FILE", "chain FILE" (CertificateChain over both locations),
+  // "seed" (an error on OpenSSL's queue), "queue" (noted
   // whether errors are left on it, which it then clears). "-" is the empty string.
   void script(const std::string& text) {
     std::istringstream calls(text);
@@ -251,6 +272,13 @@ class StoreTest : public ::testing::Test {
                  ? cache_->createCsr(a[1], a[2], a[3], std::stoi(a[4]), csr_)
                  : cache_->createCsr(a[1], a[2], a[3], std::stoi(a[4]), csr_, profile(a[5])));
       if (c == "describe") note(describe(a[1]));
+      if (c == "chain") {  // the path above the certificate in FILE, by common names
+        CertificateStore store(root_, {root_, second_});
+        std::string names;
+        const auto steps = CertificateChain(store).build(Certificate::createFromFile(path(a[1]), 1));
+        for (const auto& step : steps) names += step->identity().name + " ";
+        note("-> " + names + (CertificateChain::isComplete(steps) ? "complete" : "open"));
+      }
       if (c == "cleanup") note(cache_->cleanupCsr(a[1], a[2]));
       if (c == "install") {
         const std::string text = a[2] == "junk"      ? "not a certificate"
