@@ -37,7 +37,7 @@ class ToolTest : public test::StoreTest {
     test::writeFile(dir_ + "/io/in", input);
     const std::string command = args[0] == '!' ? args.substr(1) : "c --store root " + args;
     const std::string names = "C=root/user/al_at_x.crt K=root/user/al_at_x.key P=pass:" + kSecret +
-                              " B=" CERTCACHE_BINARY " X=" CERTCACHE_COMPLETION;
+                              " B=" CERTCACHE_BINARY " X=" CERTCACHE_COMPLETION " E=" EXAMPLES_DIRECTORY;
     const int status = test::shell("cd " + test::quote(dir_) + " && c() { env -u CERTCACHE_STORE " +
                                        CERTCACHE_BINARY " \"$@\"; } && " + names + " && { " +
                                        command + "; } <io/in 2>io/err",
@@ -157,8 +157,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "\"" + kTime + "\"\n  \\}\n\\]\n"},
     {kPass + " install cy2.pem", 2, "--overwrite"},
     {"!c --store root --passin $P install --overwrite cy2.pem 2>&1 && c --store root list "
-     "--pending", 0, "certcache: install: left out CN=CA: not the certificate installed\n"
-     "installed the certificate\n"},
+     "--pending", 0, "kept authority: CA\ninstalled the certificate\n"},
     {"--passin fd:5 request --email d@x --no-temp-key 5<pw >d.csr", 0, ""},
     {kSign + "d.csr -out d.crt 2>&1", 0, "*"},
     {kPass + " install", 0, "installed the certificate\n", "@d.crt"},
@@ -180,7 +179,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"remove t@x", 0, "*"},
     {"expiring", 20, "~cy@x\t" + kTime + "\tdue\nd@x\t" + kTime + "\tdue\ne@x\t" + kTime +
      "\tdue\n"},
-    {"!cat cy.crt ca.crt | c --store root --kind ca --no-keys install", 0, "*"},
+    {"!cat cy.crt ca.crt | c --store root --kind ca --no-keys install --overwrite", 0, "*"},
     {"--json expiring --days 5", 0, "[]\n"}, {"--kind ca --no-keys list", 0, "CA\n"},
     {"--no-keys --json show laptop", 0, "~.*\"has_key\": false\n\\}\n"},
     {"--no-keys " + kPass + " request --email x@x", 9, "cannot do this"},
@@ -215,7 +214,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "\"ok\": false,\n  \"reason\": \"self-signed certificate\"\n}\n65\n"},
     {"verify cy@x --ca none.pem", 66, "cannot read"}, {"verify cy@x --ca m.key", 65, "no PEM"},
     {kPass + " export cy@x --passout pass:p12 --out cy.p12", 0,
-     "wrote the certificate and key of cy@x to cy.p12\n"},
+     "wrote the certificate and key of cy@x with 1 authority to cy.p12\n"},
     {"!stat -c %a cy.p12 && openssl pkcs12 -info -noout -passin pass:p12 -in cy.p12 2>&1 | grep -o "
      "'sha256, Iteration [0-9]*\\|AES-256-CBC, Iteration [0-9]*, PRF [a-zA-Z0-9]*' | sort | uniq -c "
      "&& [ \"$(openssl pkcs12 -in cy.p12 -passin pass:p12 -nodes | openssl rsa -noout -modulus)\" = "
@@ -226,9 +225,9 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "pkcs12 -info -nokeys -noout -passin pass:p12 -in l.p12 2>&1 | grep -o 'MAC: sha1\\|pbeWithSHA1"
      "And3-KeyTripleDES-CBC' | uniq -c", 0, "certcache: export: l.p12 is protected with Triple-DES and"
      " a SHA-1 MAC only, for software that reads nothing newer\nwrote the certificate and key of cy@x "
-     "to l.p12\n      1 MAC: sha1\n      2 pbeWithSHA1And3-KeyTripleDES-CBC\n"},
-    {"--store other --passin pass:p12 --passout file:pw import cy.p12", 0,
-     "imported the certificate and key as cy_at_x\n"},
+     "with 1 authority to l.p12\n      1 MAC: sha1\n      2 pbeWithSHA1And3-KeyTripleDES-CBC\n"},
+    {"!c --store other --passin pass:p12 --passout file:pw import cy.p12 2>&1", 0,
+     "kept authority: CA\nimported the certificate and key as cy_at_x\n"},
     {"!c --store other --passin $P show cy@x | grep has_key && openssl pkcs12 -export -in m.crt "
      "-inkey m.key -certfile ca.crt -passout pass:q -out m.p12 && openssl pkcs12 -export -nokeys "
      "-in m.crt -passout pass:q -out nokey.p12", 0, "has_key: true\n"},
@@ -241,12 +240,52 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {kPass + " export nobody@x --out x.p12", 100, "nobody"}, {kPass + " export cy@x", 64, "--out"},
     {kPass + " export cy@x --out none/x.p12", 74, "cannot write none/x.p12"},
     {"!c --store other --passin pass:q --passout $P import --overwrite m.p12 2>&1 && c --store other "
-     "verify cy@x --ca ca.crt", 0, "certcache: import: left out 1 authority certificate(s): the store "
-     "keeps one certificate a key\nimported the certificate and key as cy_at_x\ncy@x: OK\n"},
+     "verify cy@x --ca ca.crt", 0, "imported the certificate and key as cy_at_x\ncy@x: OK\n"},
     {"!mv other/user/cy_at_x.key k && mkdir other/user/cy_at_x.key && c --store other --passin "
      "pass:q --passout $P import --overwrite m.p12; echo $? && ls other/user && rmdir "
      "other/user/cy_at_x.key && mv k other/user/cy_at_x.key", 0, "74\ncy_at_x.crt\ncy_at_x.key\n"},
     {"--store other check --days 0", 20, "weak\tother/user/cy_at_x.crt\tRSA 1024-bit key\n"}, {"--store other --kind ca list --pending", 0, ""},
+    // root -> intermediate -> leaf: the chain kept from a PKCS#7 file, shown, verified, presented
+    // to a TLS server and in a signature that only the root is trusted for, exported and imported
+    {"!R='-newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes' && printf 'basicConstraints=critical,"
+     "CA:TRUE\nsubjectKeyIdentifier=hash\nauthorityKeyIdentifier=keyid\n' >v3 && openssl req -x509 $R "
+     "-keyout r.key -out r.crt -subj /CN=Root && openssl req -new $R -keyout i.key -out i.csr -subj "
+     "/CN=Int && openssl x509 -req -in i.csr -CA r.crt -CAkey r.key -days 9 -extfile v3 -out i.crt "
+     "&& c --store ch --passin $P request --key ec:P-256 --email h@x --out h.csr && openssl x509 "
+     "-req -in h.csr -CA i.crt -CAkey i.key -days 9 -copy_extensions copy -out h.crt && openssl "
+     "crl2pkcs7 -nocrl -certfile h.crt -certfile i.crt -outform DER -out h.p7b && cat h.crt i.key "
+     ">hk.bad && (cat h.crt && printf -- '-----BEGIN CERTIFICATE-----\nMIIBzzCC\n-----END "
+     "CERTIFICATE-----\n') >hg.bad", 0, "*"},
+    {kPass + " install hk.bad", 65, "holds a private key"},
+    {kPass + " install hg.bad", 65, "CERTIFICATE block that does not decode"},
+    {"!c --store ch --passin $P install h.p7b 2>&1", 0, "kept authority: Int\ninstalled the "
+     "certificate\n"},
+    {"--store ch show h@x --chain", 0, "~.*has_key: false\n\nsubject: CN=Int\nissuer: CN=Root\n"
+     "not_before: " + kTime + "\nnot_after: " + kTime + "\nsha256: [0-9a-f]{64}\nmissing: "
+     "CN=Root\n"},
+    {"!c --store ch verify h@x; echo $?", 0, "h@x: FAILED: unable to get local issuer "
+     "certificate\n65\n"},
+    {"!openssl crl2pkcs7 -nocrl -certfile r.crt | c --store ch --kind ca --no-keys install && c "
+     "--store ch verify h@x && c --store ch --json show --chain h@x | grep -c -e '\"subject\"' -e "
+     "'\"complete\": true'", 0, "installed the certificate\nh@x: OK\n5\n"},
+    {"!(sleep 9 | openssl s_server -accept 127.0.0.1:0 -naccept 1 -cert ca.crt -key ca.key -Verify "
+     "2 -verify_return_error -CAfile r.crt -www >srv2 2>&1 &) && for i in $(seq 90); do grep -q "
+     "ACCEPT srv2 && break; sleep 0.1; done && $E/tls_client_example ch h@x " + kSecret + " $(sed "
+     "-n 's/^ACCEPT .*://p' srv2) ca.crt 2>&1 | head -2 && echo hi | $E/cms_sign_example ch h@x " +
+     kSecret + " | openssl cms -verify -CAfile r.crt 2>&1 >/dev/null", 0, "presenting h@x with 2 "
+     "authorities, up to its root\nHTTP/1.0 200 ok\r\nCMS Verification successful\n"},
+    {"!c --store ch --passin $P export h@x --pem --out h.pem --key-out hk.pem && grep -c BEGIN "
+     "h.pem && stat -c %a hk.pem && openssl pkey -in hk.pem -passin $P -noout && openssl verify "
+     "-CAfile r.crt -untrusted h.pem h.pem && c --store ch --passin $P export h@x --no-chain --out "
+     "h3.p12", 0, "wrote the certificate and key of h@x with 2 authorities to h.pem and hk.pem\n3\n"
+     "600\nh.pem: OK\nwrote the certificate and key of h@x to h3.p12\n"},
+    {"!openssl pkcs12 -export -in h.crt -inkey ch/user/h_at_x.key -passin $P -certfile i.crt "
+     "-passout pass:q -out h.p12 && c --store ch2 --passin pass:q --passout $P import h.p12 2>&1 && "
+     "c --store ch2 --passin $P export h@x --out h2.p12 && mkdir nss2 && certutil -N -d sql:nss2 "
+     "--empty-password && pk12util -i h2.p12 -d sql:nss2 -W " + kSecret + " && certutil -A -d "
+     "sql:nss2 -n r -t CT,, -i r.crt && certutil -V -d sql:nss2 -n h@x -u C", 0, "kept authority: "
+     "Int\nimported the certificate and key as h_at_x\nwrote the certificate and key of h@x with 1 "
+     "authority to h2.p12\npk12util: PKCS12 IMPORT SUCCESSFUL\ncertutil: certificate is valid\n"},
     {"!c --store chk --passin $P self-signed --key legacy --email k@x && c --store chk --passin $P "
      "request --key legacy --email q@x >/dev/null && openssl req -new -newkey rsa:1024 -nodes -keyout chk/user/x.key -subj "
      "/emailAddress=x@x -out x.csr 2>&1 && openssl x509 -req -CA ca.crt -CAkey ca.key -set_serial 7 "
@@ -284,9 +323,10 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "traditional PEM encryption\norphan-key\tchk/user/t.key\ta key without its certificate\n"
      "expired\tchk/user/x.crt\texpired on " + kTime + "\n"
      "weak\tchk/user/x.crt\tRSA 1024-bit key, signed with SHA-1\n"
+     "chain\tchk/user/x.crt\tissued by CN=CA, which the store does not hold\n"
      "weak\tchk/user/x.key\tkey file not encrypted\n"},
     {"!c --store chk check | cut -f1 | sort | uniq -c | tr -s ' ' && c --store chk --json check "
-     "--days 1 | head -6", 0, " 1 expired\n 3 mode\n 1 no-key\n 4 orphan-key\n 1 stale-request\n"
+     "--days 1 | head -6", 0, " 1 chain\n 1 expired\n 3 mode\n 1 no-key\n 4 orphan-key\n 1 stale-request\n"
      " 2 unreadable\n 11 weak\n[\n  {\n    \"kind\": \"unreadable\",\n    \"path\": "
      "\"chk/user/ca.crt\",\n    \"what\": \"not a certificate of this kind; the user filter passes "
      "it over\"\n  },\n"},
@@ -415,6 +455,7 @@ TEST_F(ToolTest, AKillAtAnyFileChangeLeavesTheOldOrTheNewCredentialWhole) {
     {"c renew a@x" + key + " --out o/a_at_x.csr", "renew a@x" + key +
      " --overwrite --out o/a_at_x.csr"},
     {"c request" + key + " --email r@x --out o/q" + sign, "install o/c"},
+    {"c request" + key + " --email r@x --out o/q" + sign + " && cat ca.crt >>o/c", "install o/c"},
     {"c renew a@x" + key + " --out o/q" + sign, "install --overwrite o/c"},
     {"openssl req -new -key root/user/a_at_x.key -passin $P -subj /emailAddress=a@x -out o/q" +
      sign, "install --overwrite o/c"},

@@ -17,8 +17,10 @@ namespace cli {
 
 namespace {
 
+using Pkcs7Ptr = OpenSSLPtr<PKCS7, PKCS7_free>;
+
 const char kPemStart[] = "-----BEGIN ";
-const char kPkcs7[] = "PKCS#7 data (openssl pkcs7 -print_certs takes certificates out of it)";
+const char kPkcs7[] = "PKCS#7 data that holds no certificate";
 
 [[noreturn]] void notACertificate(const std::string& what) {
   throw ToolError(kExitDataError, "the input is not a certificate: " + what);
@@ -85,15 +87,42 @@ std::string describePemLabel(const std::string& label) {
   if (endsWith("PRIVATE KEY")) return "a private key";
   if (endsWith("PUBLIC KEY")) return "a public key";
   if (label == "X509 CRL") return "a revocation list";
-  if (label == "PKCS7") return kPkcs7;
   return "a PEM block labelled " + label;
+}
+
+// The certificates of a PKCS#7 SignedData (a .p7b or .p7c file, the "certs-only"
+// form authorities hand chains out in); false when `der` is no such thing.
+bool addPkcs7(const std::string& der, CertificateInput& input) {
+  const auto* at = reinterpret_cast<const unsigned char*>(der.data());
+  Pkcs7Ptr container(d2i_PKCS7(nullptr, &at, static_cast<long>(der.size())));
+  ERR_clear_error();
+  if (!container || at != reinterpret_cast<const unsigned char*>(der.data()) + der.size() ||
+      PKCS7_type_is_signed(container.get()) == 0 || container->d.sign == nullptr) {
+    return false;
+  }
+  const STACK_OF(X509)* certificates = container->d.sign->cert;
+  for (int i = 0; i < sk_X509_num(certificates); ++i) {
+    unsigned char* bytes = nullptr;
+    const int length = i2d_X509(sk_X509_value(certificates, i), &bytes);
+    const OpenSSLBytesPtr owner(bytes);
+    std::shared_ptr<Certificate> certificate =
+        length > 0 ? Certificate::createFromContents(
+                         std::string_view(reinterpret_cast<char*>(bytes), length), true)
+                   : nullptr;
+    if (!certificate)
+      notACertificate("it holds PKCS#7 data with a certificate that does not decode");
+    input.certificates.push_back(std::move(certificate));
+  }
+  ERR_clear_error();
+  if (sk_X509_num(certificates) <= 0) input.others.push_back(kPkcs7);
+  return true;
 }
 
 void addDer(const std::string& der, CertificateInput& input) {
   std::shared_ptr<Certificate> certificate = Certificate::createFromBase64(encodeBase64(der));
   if (certificate) {
     input.certificates.push_back(std::move(certificate));
-  } else {
+  } else if (!addPkcs7(der, input)) {
     input.others.push_back(describeDer(der));
   }
 }
@@ -112,10 +141,19 @@ void readPemBlocks(const std::string& text, CertificateInput& input) {
     if (read == 0) break;
     const std::string label = name;
     const std::string der(reinterpret_cast<const char*>(data), static_cast<std::size_t>(length));
+    // A key pasted into a bundle by mistake, or a certificate that does not
+    // decode, refuses the whole input: nothing in it is silently dropped.
+    const std::string what = describePemLabel(label);
     if (label == "CERTIFICATE" || label == "X509 CERTIFICATE") {
-      addDer(der, input);
+      std::shared_ptr<Certificate> certificate = Certificate::createFromBase64(encodeBase64(der));
+      if (!certificate) notACertificate("it holds a CERTIFICATE block that does not decode");
+      input.certificates.push_back(std::move(certificate));
+    } else if (label == "PKCS7") {
+      if (!addPkcs7(der, input)) notACertificate("it holds a PKCS7 block that does not decode");
+    } else if (what == "a private key") {
+      notACertificate("it holds a private key, which install never takes");
     } else {
-      input.others.push_back(describePemLabel(label));
+      input.others.push_back(what);
     }
   }
   // The end of the text reads as "no start line"; anything else is a block

@@ -177,6 +177,8 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   CLI::App* show = app.add_subcommand(
       "show", "One certificate, its key type and signature; with --passin its key is read too");
   addIdArgument(*show, invocation);
+  show->add_flag("--chain", invocation.chain,
+                 "Then the path of authorities above it, up to its root or to where it breaks");
   describeCommand(*show, "--store /tmp/store --json show alice@example.org");
 
   CLI::App* files =
@@ -285,11 +287,14 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   describeCommand(*check, "--passin env:PW check --days 14 || echo 'the store needs a look'");
 
   CLI::App* verify = app.add_subcommand(
-      "verify", "Whether a certificate chains to an authority in FILE (PEM); exit 65 if not");
+      "verify",
+      "Whether a certificate chains to an authority of the store (its self-signed ones "
+      "trusted, the others as intermediates), or with --ca to one in FILE (PEM); exit 65 if not");
   addIdArgument(*verify, invocation);
-  verify->add_option("--ca", invocation.caFile, "The authorities' certificates, e.g. --ca ca.pem")
-      ->type_name("FILE")
-      ->required();
+  verify
+      ->add_option("--ca", invocation.caFile,
+                   "The authorities' certificates to trust instead, e.g. --ca ca.pem")
+      ->type_name("FILE");
   describeCommand(*verify, "verify alice@example.org --ca /etc/ssl/certs/ca-certificates.crt");
 
   CLI::App* exportCommand = app.add_subcommand(
@@ -303,6 +308,19 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   exportCommand->add_flag("--legacy", invocation.legacyPkcs12,
                           "Protect key and certificate with PBE-SHA1-3DES and a SHA-1 MAC instead, "
                           "for software that reads nothing newer (older mail clients and systems)");
+  exportCommand->add_flag("--no-chain", invocation.noChain,
+                          "Leave out the authorities above the certificate, which go with it "
+                          "otherwise (the root too when the store holds it)");
+  CLI::Option* pem = exportCommand->add_flag(
+      "--pem", invocation.pemExport,
+      "Write the certificate and its authorities as PEM instead, the root last");
+  exportCommand
+      ->add_option("--key-out", invocation.keyOutFile,
+                   "With --pem, the key to FILE as one ENCRYPTED PRIVATE KEY block (AES-256, "
+                   "under --passout), readable by its owner alone")
+      ->type_name("FILE")
+      ->needs(pem);
+  exportCommand->get_option("--legacy")->excludes(pem);
   describeCommand(*exportCommand,
                   "--passin env:PW --passout env:P12PW export alice@example.org --out a.p12");
 

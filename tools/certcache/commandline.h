@@ -31,9 +31,13 @@ struct Invocation {
   std::string newBaseName;   // rename
   std::string email;
   std::string subject;
-  std::string outFile;    // request --out, renew --out, export --out
-  std::string inputFile;  // install FILE (empty: standard input), import FILE
-  std::string caFile;     // verify --ca
+  std::string outFile;     // request --out, renew --out, export --out
+  std::string inputFile;   // install FILE (empty: standard input), import FILE
+  std::string caFile;      // verify --ca; empty: the store's own authorities
+  std::string keyOutFile;  // export --pem --key-out
+  bool chain = false;      // show --chain
+  bool noChain = false;    // export --no-chain
+  bool pemExport = false;  // export --pem
   bool overwrite = false;
   bool noTempKey = false;
   bool legacyPkcs12 = false;     // export --legacy

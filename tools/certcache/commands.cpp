@@ -8,6 +8,7 @@
 #include "base/filename.h"
 #include "cachecalls.h"
 #include "certificatedescription.h"
+#include "crypto/certificatechain.h"
 #include "inspectcommands.h"
 #include "installcommand.h"
 #include "output.h"
@@ -70,7 +71,19 @@ int showCommand(const Invocation& invocation, std::ostream& out) {
   } else {
     certificate = readCertificateAlone(session.cache(), invocation.id, record.baseName);
   }
-  record.certificate = describeCertificate(certificate->getX509(), std::time(nullptr));
+  const std::time_t now = std::time(nullptr);
+  record.certificate = describeCertificate(certificate->getX509(), now);
+  if (invocation.chain) {
+    const std::vector<std::shared_ptr<Certificate>> path =
+        CertificateChain(session.store()).build(certificate);
+    record.withChain = true;
+    for (std::size_t i = 1; i < path.size(); ++i)
+      record.chain.push_back(describeCertificate(path[i]->getX509(), now));
+    if (!CertificateChain::isComplete(path)) {
+      record.missing =
+          record.chain.empty() ? record.certificate.issuer : record.chain.back().issuer;
+    }
+  }
   printShow(out, record, invocation.json);
   return kExitOk;
 }

@@ -8,6 +8,7 @@
 
 #include "base/opensslutil.h"
 #include "cachecalls.h"
+#include "crypto/certificatechain.h"
 #include "output.h"
 #include "passwordsource.h"
 #include "storecheck.h"
@@ -51,10 +52,31 @@ X509StorePtr readAuthorities(const std::string& path) {
   return authorities;
 }
 
+// The store's own authorities that could stand above `certificate`: the
+// self-signed ones trusted, the others handed to the validator as
+// intermediates (into `intermediates`), which finds the path.
+X509StorePtr storeAuthorities(CertificateStore& store, const std::shared_ptr<Certificate>& leaf,
+                              X509StackPtr& intermediates) {
+  X509StorePtr trusted(X509_STORE_new());
+  intermediates.reset(sk_X509_new_null());
+  if (!trusted || !intermediates) throw ToolError(kExitIoError, "out of memory");
+  for (const std::shared_ptr<Certificate>& authority : CertificateChain(store).candidates(leaf)) {
+    X509* certificate = authority->getX509();
+    const bool selfSigned = CertificateChain::isComplete({authority});
+    if (selfSigned ? X509_STORE_add_cert(trusted.get(), certificate) != 1
+                   : sk_X509_push(intermediates.get(), certificate) <= 0) {
+      ERR_clear_error();
+      throw ToolError(kExitIoError, "cannot take the store's authorities");
+    }
+    if (!selfSigned) X509_up_ref(certificate);
+  }
+  return trusted;
+}
+
 // "" when `certificate` chains to one of `authorities`, else OpenSSL's reason.
-std::string verifyChain(X509_STORE* authorities, X509* certificate) {
+std::string verifyChain(X509_STORE* authorities, X509* certificate, STACK_OF(X509) * untrusted) {
   X509StoreCtxPtr context(X509_STORE_CTX_new());
-  if (!context || X509_STORE_CTX_init(context.get(), authorities, certificate, nullptr) != 1) {
+  if (!context || X509_STORE_CTX_init(context.get(), authorities, certificate, untrusted) != 1) {
     ERR_clear_error();
     throw ToolError(kExitIoError, "cannot set up the verification");
   }
@@ -79,6 +101,10 @@ int checkCommand(const Invocation& invocation, std::ostream& out) {
   rules.now = std::time(nullptr);
   rules.days = invocation.days;
   if (withPassword && session.withKeys()) rules.password = &password;
+  // A user certificate whose issuer is nowhere in the store cannot be presented
+  // with its chain.
+  const CertificateChain authorities(session.store());
+  if (!invocation.store.authorities) rules.authorities = &authorities;
 
   // A change that a dead run left is reported, not completed: the person
   // running check wants to see the store as it is.
@@ -101,12 +127,19 @@ int verifyCommand(const Invocation& invocation, std::ostream& out) {
   std::string baseName;
   const std::shared_ptr<Certificate> certificate =
       readCertificateAlone(session.cache(), invocation.id, baseName);
-  const X509StorePtr authorities = readAuthorities(invocation.caFile);
-  const std::string reason = verifyChain(authorities.get(), certificate->getX509());
+  X509StackPtr intermediates;
+  const bool ownAuthorities = invocation.caFile.empty();
+  const X509StorePtr authorities =
+      ownAuthorities ? storeAuthorities(session.store(), certificate, intermediates)
+                     : readAuthorities(invocation.caFile);
+  const std::string reason =
+      verifyChain(authorities.get(), certificate->getX509(), intermediates.get());
   printVerification(out, invocation.id, reason, invocation.json);
   if (!reason.empty()) {
-    throw ToolError(kExitDataError, "'" + invocation.id + "' does not chain to an authority in " +
-                                        invocation.caFile + ": " + reason);
+    throw ToolError(kExitDataError,
+                    "'" + invocation.id + "' does not chain to an authority " +
+                        (ownAuthorities ? "of the store" : "in " + invocation.caFile) + ": " +
+                        reason);
   }
   return kExitOk;
 }

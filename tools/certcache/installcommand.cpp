@@ -9,6 +9,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "authoritykeeping.h"
 #include "cachecalls.h"
 #include "certificatedescription.h"
 #include "certificateinput.h"
@@ -67,10 +68,20 @@ void refuseReplacing(StoreSession& session, const InstallTarget& target) {
                            : "it with this one for the same key)"));
 }
 
+// The certificates that came with the one installed.
+std::vector<std::shared_ptr<Certificate>> others(const CertificateInput& input,
+                                                 const Certificate& installed) {
+  std::vector<std::shared_ptr<Certificate>> found;
+  for (const std::shared_ptr<Certificate>& certificate : input.certificates) {
+    if (certificate.get() != &installed) found.push_back(certificate);
+  }
+  return found;
+}
+
 void nameWhatWasLeftOut(const CertificateInput& input, const Certificate& installed) {
   const std::time_t now = std::time(nullptr);
-  for (const std::shared_ptr<Certificate>& certificate : input.certificates) {
-    if (certificate.get() == &installed) continue;
+  for (const std::shared_ptr<Certificate>& certificate : others(input, installed)) {
+    if (certificate->identity().authority) continue;  // kept beside it
     std::cerr << "certcache: install: left out "
               << describeCertificate(certificate->getX509(), now).subject
               << ": not the certificate installed\n";
@@ -117,15 +128,18 @@ int installCommand(const Invocation& invocation, std::ostream& out) {
   }
   // A re-issue goes beside the installed key, which stays: a cache without keys writes
   // the certificate alone.
-  failOnResult(commit.cache(session.sharedFilter(), promote)
-                   .saveCert(invocation.id, base64Of(*target.certificate), true),
-               what);
+  CertFileCache& staging = commit.cache(session.sharedFilter(), promote);
+  failOnResult(staging.saveCert(invocation.id, base64Of(*target.certificate), true), what);
+  // The chain that came with it goes into the same change.
+  const std::vector<std::string> kept =
+      stageAuthorities(others(input, *target.certificate), session.store(), commit, staging);
   commit.rename(commit.staged(baseName, kCertExtension), commit.stored(baseName, kCertExtension));
   if (promote) {
     commit.rename(commit.staged(baseName, kKeyExtension), commit.stored(baseName, kKeyExtension));
     commit.remove(commit.stored(baseName, kTempKeyExtension));
   }
   commit.commit();
+  tellKeptAuthorities(kept);
   nameWhatWasLeftOut(input, *target.certificate);
   out << "installed the certificate\n";
   return kExitOk;

@@ -44,19 +44,35 @@ void printList(std::ostream& out, const std::vector<std::string>& ids,
 void printShow(std::ostream& out, const ShowRecord& record, bool json) {
   const CertificateDescription& cert = record.certificate;
   if (json) {
-    writeJson(out, Json{{"id", record.id},
-                        {"base_name", record.baseName},
-                        {"subject", cert.subject},
-                        {"issuer", cert.issuer},
-                        {"serial", cert.serial},
-                        {"public_key", cert.publicKey},
-                        {"signature", cert.signature},
-                        {"not_before", cert.notBefore},
-                        {"not_after", cert.notAfter},
-                        {"expired", cert.expired},
-                        {"not_yet_valid", cert.notYetValid},
-                        {"sha256", cert.sha256},
-                        {"has_key", record.hasKey}});
+    Json shown{{"id", record.id},
+               {"base_name", record.baseName},
+               {"subject", cert.subject},
+               {"issuer", cert.issuer},
+               {"serial", cert.serial},
+               {"public_key", cert.publicKey},
+               {"signature", cert.signature},
+               {"not_before", cert.notBefore},
+               {"not_after", cert.notAfter},
+               {"expired", cert.expired},
+               {"not_yet_valid", cert.notYetValid},
+               {"sha256", cert.sha256},
+               {"has_key", record.hasKey}};
+    if (record.withChain) {
+      std::vector<const CertificateDescription*> path = {&cert};
+      for (const CertificateDescription& step : record.chain) path.push_back(&step);
+      Json chain = Json::array();
+      for (const CertificateDescription* step : path) {
+        chain.push_back({{"subject", step->subject},
+                         {"issuer", step->issuer},
+                         {"serial", step->serial},
+                         {"not_before", step->notBefore},
+                         {"not_after", step->notAfter},
+                         {"sha256", step->sha256}});
+      }
+      shown["chain"] = chain;
+      shown["complete"] = record.missing.empty();
+    }
+    writeJson(out, shown);
     return;
   }
   out << "id: " << record.id << '\n'
@@ -72,6 +88,12 @@ void printShow(std::ostream& out, const ShowRecord& record, bool json) {
       << "not_yet_valid: " << boolText(cert.notYetValid) << '\n'
       << "sha256: " << cert.sha256 << '\n'
       << "has_key: " << boolText(record.hasKey) << '\n';
+  for (const CertificateDescription& step : record.chain) {
+    out << "\nsubject: " << step.subject << "\nissuer: " << step.issuer
+        << "\nnot_before: " << step.notBefore << "\nnot_after: " << step.notAfter
+        << "\nsha256: " << step.sha256 << '\n';
+  }
+  if (!record.missing.empty()) out << "missing: " << record.missing << '\n';
 }
 
 void printFiles(std::ostream& out, const std::string& certFile, const std::string& keyFile,

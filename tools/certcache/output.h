@@ -27,9 +27,17 @@ struct ShowRecord {
   std::string baseName;
   CertificateDescription certificate;
   bool hasKey = false;
+  // With --chain: the certificates of the path above it, issuer first, and the
+  // issuer that nothing in the store stands for when the path breaks.
+  bool withChain = false;
+  std::vector<CertificateDescription> chain;
+  std::string missing;
 };
 
-// Lines "field: value"; JSON: one object with the same fields.
+// Lines "field: value", then for each certificate of the chain a blank line and
+// its subject, issuer, validity and fingerprint, and "missing: ISSUER" where the
+// path breaks; JSON: one object with the same fields, the chain as an array
+// (leaf first) and "complete".
 void printShow(std::ostream& out, const ShowRecord& record, bool json);
 
 // Lines "certificate: PATH" and, when `hasKey`, "key: PATH"; JSON: an object

@@ -1,6 +1,7 @@
 #include "pkcs12commands.h"
 
 #include <openssl/err.h>
+#include <openssl/pem.h>
 #include <openssl/pkcs12.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,12 +11,16 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <iostream>
 
+#include "authoritykeeping.h"
 #include "base/filecontents.h"
 #include "base/filedescriptor.h"
 #include "base/opensslutil.h"
+#include "cachecalls.h"
 #include "certificateinput.h"
+#include "crypto/certificatechain.h"
 #include "keyfile.h"
 #include "passwordsource.h"
 #include "resultwords.h"
@@ -31,10 +36,6 @@ namespace {
 namespace fs = boost::filesystem;
 
 using Pkcs12Ptr = OpenSSLPtr<PKCS12, PKCS12_free>;
-inline void freeCertificates(STACK_OF(X509) * certificates) {
-  sk_X509_pop_free(certificates, X509_free);
-}
-using CertificatesPtr = OpenSSLPtr<STACK_OF(X509), freeCertificates>;
 
 // PBKDF2 over SHA-256 for the bags and the MAC alike; ten times the least that
 // the file's readers are promised, which costs a fraction of a second.
@@ -67,14 +68,14 @@ struct Pkcs12Protection {
 // Triple-DES under the PKCS#12 derivation for both bags (RC2, the other old
 // choice, is gone from OpenSSL's default provider) and a SHA-1 MAC.
 Pkcs12Ptr makePkcs12(const std::string& name, X509* certificate, EVP_PKEY* key,
-                     const std::string& password, bool legacy) {
+                     STACK_OF(X509) * authorities, const std::string& password, bool legacy) {
   const Pkcs12Protection protection =
       legacy ? Pkcs12Protection{NID_pbe_WithSHA1And3_Key_TripleDES_CBC, EVP_sha1}
              : Pkcs12Protection{NID_aes_256_cbc, EVP_sha256};
   // No MAC at first: PKCS12_create would take SHA-1 for it.
-  Pkcs12Ptr container(PKCS12_create_ex(password.c_str(), name.c_str(), key, certificate, nullptr,
-                                       protection.bags, protection.bags, kIterations, -1, 0,
-                                       nullptr, nullptr));
+  Pkcs12Ptr container(PKCS12_create_ex(password.c_str(), name.c_str(), key, certificate,
+                                       authorities, protection.bags, protection.bags, kIterations,
+                                       -1, 0, nullptr, nullptr));
   if (!container || PKCS12_set_mac(container.get(), password.c_str(), -1, nullptr, 0, kIterations,
                                    protection.mac()) != 1) {
     ERR_clear_error();
@@ -111,11 +112,12 @@ void removeUnfinishedBeside(const std::string& path) {
   }
 }
 
-// Writes `bytes` beside `path` and renames them over it, so that the file is
-// whole or as it was; it is readable by its owner alone, as a key is. Nothing
-// is left beside it on any way out: an error removes the file, a signal that
-// ends the run too, and a kill leaves it to the next export.
-void replaceFile(const std::string& path, const std::string& bytes) {
+// Writes a file beside `path` with `write` (given the new file's path) and
+// renames it over `path`, so that the file is whole or as it was; it is
+// readable by its owner alone, as a key is. Nothing is left beside it on any
+// way out: an error removes the file, a signal that ends the run too, and a
+// kill leaves it to the next export.
+void replaceFile(const std::string& path, const std::function<bool(const std::string&)>& write) {
   removeUnfinishedBeside(path);
   std::string temporary = path + ".certcache-XXXXXX";
   if (temporary.size() >= sizeof besideOutput) throw ToolError(kExitUsage, "the path is too long");
@@ -124,8 +126,8 @@ void replaceFile(const std::string& path, const std::string& bytes) {
   const FileDescriptor created(::mkstemp(&temporary[0]));
   if (created.isOpen()) std::strcpy(besideOutput, temporary.c_str());
   boost::system::error_code error;
-  const bool written = created.isOpen() && writeWholeFile(temporary, bytes, 0600) &&
-                       ::fsync(created.get()) == 0 && (fs::rename(temporary, path, error), !error);
+  const bool written = created.isOpen() && write(temporary) && ::fsync(created.get()) == 0 &&
+                       (fs::rename(temporary, path, error), !error);
   if (!written && created.isOpen()) fs::remove(temporary, error);
   besideOutput[0] = '\0';
   for (int signal : signals) std::signal(signal, SIG_DFL);
@@ -146,7 +148,7 @@ std::string encodeDer(const T* object) {
 struct Pkcs12Contents {
   PkeyHandle key;
   X509Ptr certificate;
-  CertificatesPtr authorities;
+  X509StackPtr authorities;
 };
 
 Pkcs12Contents readPkcs12(const std::string& path, const std::string& password) {
@@ -175,7 +177,7 @@ Pkcs12Contents readPkcs12(const std::string& path, const std::string& password) 
   STACK_OF(X509)* authorities = nullptr;
   const int parsed = PKCS12_parse(container.get(), pass, &key, &certificate, &authorities);
   ERR_clear_error();
-  Pkcs12Contents contents{PkeyHandle(key), X509Ptr(certificate), CertificatesPtr(authorities)};
+  Pkcs12Contents contents{PkeyHandle(key), X509Ptr(certificate), X509StackPtr(authorities)};
   if (parsed != 1) {
     throw ToolError(kExitDataError, path +
                                         " cannot be decrypted: it uses an algorithm this system "
@@ -197,9 +199,11 @@ std::shared_ptr<Certificate> storeCertificate(const X509* certificate) {
 }
 
 // Writes certificate and key with the library's writers in the staging place
-// and commits them into the store together.
-void writePair(StoreSession& session, const std::string& baseName, X509* certificate, EVP_PKEY* key,
-               const std::string& password) {
+// and commits them into the store together, with the authorities that came
+// with them; returns the identifiers of the authorities kept.
+std::vector<std::string> writePair(StoreSession& session, const std::string& baseName,
+                                   X509* certificate, EVP_PKEY* key, const std::string& password,
+                                   const std::vector<std::shared_ptr<Certificate>>& authorities) {
   StoreCommit commit(session.root(), session.filter().subdirectory());
   CertFileCache& cache = commit.cache(session.sharedFilter(), true);
   if (cache.writePrivateKey(commit.staged(baseName, kKeyExtension), password, key,
@@ -210,33 +214,92 @@ void writePair(StoreSession& session, const std::string& baseName, X509* certifi
   }
   for (const char* extension : {kKeyExtension, kCertExtension})
     commit.rename(commit.staged(baseName, extension), commit.stored(baseName, extension));
+  const std::vector<std::string> kept =
+      stageAuthorities(authorities, session.store(), commit, cache);
   commit.commit();
+  return kept;
+}
+
+// The certificate of `id` with the authorities above it; with `withKey`, its key too.
+ChainedCredential readCredential(StoreSession& session, const std::string& id,
+                                 const std::string& password, bool withKey) {
+  const CertificateChain chain(session.store());
+  if (!withKey) {
+    std::string baseName;
+    ChainedCredential credential;
+    credential.certificate = readCertificateAlone(session.cache(), id, baseName);
+    const std::vector<std::shared_ptr<Certificate>> path = chain.build(credential.certificate);
+    credential.authorities.assign(path.begin() + 1, path.end());
+    return credential;
+  }
+  int errorCode = CertFileCache::kFound;
+  ChainedCredential credential = chain.getCredential(session.cache(), id, password, errorCode);
+  if (!credential.certificate) {
+    throw ToolError(lookupExitStatus(errorCode), describeLookupError(errorCode, id));
+  }
+  return credential;
+}
+
+std::string pemOf(X509* certificate) {
+  BioPtr bio(BIO_new(BIO_s_mem()));
+  char* data = nullptr;
+  if (!bio || PEM_write_bio_X509(bio.get(), certificate) != 1) {
+    ERR_clear_error();
+    throw ToolError(kExitIoError, "cannot encode the certificate");
+  }
+  return std::string(data, static_cast<std::size_t>(BIO_get_mem_data(bio.get(), &data)));
+}
+
+void writeOrFail(const std::string& path, const std::string& bytes) {
+  replaceFile(path,
+              [&bytes](const std::string& file) { return writeWholeFile(file, bytes, 0600); });
 }
 
 }  // namespace
 
 int exportCommand(const Invocation& invocation, std::ostream& out) {
-  refuseKeylessStore(invocation);
-  const std::string password = readPassword(invocation.passin, false);
-  const std::string filePassword = secondPassword(invocation, password);
+  // The certificates alone are no secret: --pem without --key-out needs no password.
+  const bool withKey = !invocation.pemExport || !invocation.keyOutFile.empty();
+  if (withKey) refuseKeylessStore(invocation);
+  const std::string password = withKey ? readPassword(invocation.passin, false) : "";
+  const std::string filePassword = withKey ? secondPassword(invocation, password) : "";
   StoreSession session(invocation.store, StoreAccess::kRead);
-  int errorCode = CertFileCache::kFound;
-  const std::shared_ptr<Certificate> credential =
-      session.cache().getCertificate(invocation.id, password, errorCode, true);
-  if (!credential) {
-    throw ToolError(lookupExitStatus(errorCode), describeLookupError(errorCode, invocation.id));
+  ChainedCredential credential = readCredential(session, invocation.id, password, withKey);
+  if (invocation.noChain) credential.authorities.clear();
+  X509* certificate = credential.certificate->getX509();
+  if (invocation.pemExport) {
+    std::string text = pemOf(certificate);
+    for (const std::shared_ptr<Certificate>& authority : credential.authorities)
+      text += pemOf(authority->getX509());
+    writeOrFail(invocation.outFile, text);
+    if (withKey) {
+      replaceFile(invocation.keyOutFile, [&](const std::string& file) {
+        return session.cache().writePrivateKey(file, filePassword,
+                                               credential.certificate->getPrivateKey(),
+                                               CredentialProfile()) == CertFileCache::kDone;
+      });
+    }
+  } else {
+    const X509StackPtr authorities = credential.authorityStack();
+    if (!authorities) throw ToolError(kExitIoError, "out of memory");
+    const Pkcs12Ptr container =
+        makePkcs12(invocation.id, certificate, credential.certificate->getPrivateKey(),
+                   authorities.get(), filePassword, invocation.legacyPkcs12);
+    writeOrFail(invocation.outFile, encodeDer<PKCS12, i2d_PKCS12>(container.get()));
   }
-  const Pkcs12Ptr container =
-      makePkcs12(invocation.id, credential->getX509(), credential->getPrivateKey(), filePassword,
-                 invocation.legacyPkcs12);
-  replaceFile(invocation.outFile, encodeDer<PKCS12, i2d_PKCS12>(container.get()));
   if (invocation.legacyPkcs12) {
     std::cerr << "certcache: export: " << invocation.outFile
               << " is protected with Triple-DES and a SHA-1 MAC only, for software that reads "
                  "nothing newer\n";
   }
-  out << "wrote the certificate and key of " << invocation.id << " to " << invocation.outFile
-      << '\n';
+  out << "wrote the certificate" << (withKey ? " and key" : "") << " of " << invocation.id;
+  if (!credential.authorities.empty()) {
+    out << " with " << credential.authorities.size() << " authorit"
+        << (credential.authorities.size() == 1 ? "y" : "ies");
+  }
+  out << " to " << invocation.outFile;
+  if (!invocation.keyOutFile.empty()) out << " and " << invocation.keyOutFile;
+  out << '\n';
   return kExitOk;
 }
 
@@ -264,11 +327,16 @@ int importCommand(const Invocation& invocation, std::ostream& out) {
         CertFileCache::kExists,
         baseName + " is installed (add --overwrite to replace its certificate and key)");
   }
-  writePair(session, baseName, contents.certificate.get(), contents.key.get(), password);
-  const int authorities = contents.authorities ? sk_X509_num(contents.authorities.get()) : 0;
-  if (authorities > 0) {
-    std::cerr << "certcache: import: left out " << authorities
-              << " authority certificate(s): the store keeps one certificate a key\n";
+  std::vector<std::shared_ptr<Certificate>> others;
+  for (int i = 0; i < sk_X509_num(contents.authorities.get()); ++i)
+    others.push_back(storeCertificate(sk_X509_value(contents.authorities.get(), i)));
+  tellKeptAuthorities(writePair(session, baseName, contents.certificate.get(), contents.key.get(),
+                                password, others));
+  for (const std::shared_ptr<Certificate>& other : others) {
+    if (!other->identity().authority) {
+      std::cerr << "certcache: import: left out " << other->identity().name
+                << ": not an authority\n";
+    }
   }
   out << "imported the certificate and key as " << baseName << '\n';
   return kExitOk;

@@ -99,6 +99,11 @@ void checkCertificate(const Credential& files, CertificateFilter& filter, const 
   }
   const std::string weakness = certificateWeakness(certificate->getX509());
   if (!weakness.empty()) findings.push_back({"weak", path, weakness});
+  if (rules.authorities != nullptr && rules.authorities->build(certificate).size() == 1 &&
+      !CertificateChain::isComplete({certificate})) {
+    findings.push_back(
+        {"chain", path, "issued by " + description.issuer + ", which the store does not hold"});
+  }
   if (files.key.empty()) {
     if (rules.withKeys) findings.push_back({"no-key", path, "a certificate without its key"});
     return;

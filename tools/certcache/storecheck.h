@@ -9,13 +9,15 @@
 #include <vector>
 
 #include "base/certificatefilter.h"
+#include "crypto/certificatechain.h"
 
 namespace tavik {
 namespace cli {
 
 struct Finding {
   // orphan-key, no-key, stale-request, mode, unreadable, expired, due, weak, mismatch,
-  // interrupted (a change an earlier run left unfinished)
+  // chain (an issuer the store does not hold), interrupted (a change an earlier run left
+  // unfinished)
   std::string kind;
   std::string path;
   std::string what;  // in words, for the person who reads it
@@ -26,6 +28,8 @@ struct CheckRules {
   std::time_t now = 0;                    // what "expired" is measured against
   int days = 30;                          // the window for "due" and the age of a stale request
   const std::string* password = nullptr;  // given: every key is read and compared
+  // Given: a certificate whose issuer these authorities do not hold is found.
+  const CertificateChain* authorities = nullptr;
 };
 
 // The findings in the cache directory `directory` under `filter`, ordered by

@@ -182,6 +182,21 @@ std::string StoreCommit::stored(const std::string& baseName, const char* extensi
   return credentialFile(cacheDirectory(root_, subdirectory_.c_str()), baseName, extension).string();
 }
 
+std::string StoreCommit::aside(const char* subdirectory, const std::string& baseName,
+                               const char* extension) {
+  for (const std::string& place : {staging_, root_}) {
+    boost::system::error_code error;
+    fs::create_directories(cacheDirectory(place, subdirectory), error);
+    if (error) fail("cannot make", cacheDirectory(place, subdirectory).string(), error.value());
+  }
+  return credentialFile(cacheDirectory(staging_, subdirectory), baseName, extension).string();
+}
+
+std::string StoreCommit::stored(const char* subdirectory, const std::string& baseName,
+                                const char* extension) const {
+  return credentialFile(cacheDirectory(root_, subdirectory), baseName, extension).string();
+}
+
 std::string StoreCommit::besideOutput(const std::string& path) {
   std::random_device random;
   std::string beside = fs::absolute(path).string() + ".certcache-" + std::to_string(::getpid()) +

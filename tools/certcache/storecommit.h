@@ -58,6 +58,11 @@ class StoreCommit {
   std::string staged(const std::string& baseName, const char* extension) const;
   // `baseName` + `extension` in the store's cache directory.
   std::string stored(const std::string& baseName, const char* extension) const;
+  // The same in another subdirectory of the staging place and of the root
+  // (the authorities' `ca`, say); aside() makes both directories when missing.
+  std::string aside(const char* subdirectory, const std::string& baseName, const char* extension);
+  std::string stored(const char* subdirectory, const std::string& baseName,
+                     const char* extension) const;
   // A new, empty file beside `path` (outside the store, say a request for an
   // authority) to be written now and renamed over `path` by the commit.
   std::string besideOutput(const std::string& path);
