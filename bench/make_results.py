@@ -118,6 +118,15 @@ def syscalls(side):  # calls by name, and "total", from strace -c
     return {p[-1]: int(p[3]) for p in map(str.split, read("strace-load-%s.txt" % side).splitlines())
             if len(p) >= 5 and p[3].isdigit()}
 
+chain = fields(read("chain.txt"))
+section("Chains", "tavik_chain_probe: a `ca` directory of %s authorities (a root, its intermediate, "
+        "the rest unrelated), indexed once by CertificateChain; then the chain of a leaf issued by "
+        "the intermediate (3 certificates) built %s times." % (chain.get("authorities", "?"),
+                                                             chain.get("calls", "?")))
+table(["authorities", "indexing (CPU)", "chain length", "one chain, median", "one chain, 99th percentile"],
+      [(chain["authorities"], "%s ms" % chain["index_cpu_ms"], chain["chain_length"],
+        "%s µs" % chain["build_median_us"], "%s µs" % chain["build_p99_us"])] if chain else [])
+
 section("System calls of one opening", "strace -c of one opening of the store of %d, start-up included." % small)
 cache_calls, bare_calls = syscalls("cache"), syscalls("openssl")
 top = sorted(set(cache_calls) | set(bare_calls), key=lambda k: (-cache_calls.get(k, 0) - bare_calls.get(k, 0), k))

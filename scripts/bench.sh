@@ -92,6 +92,11 @@ rm -rf "$copy"
 
 # User and system CPU time of one opening, with the cache and the bare loop, each
 # in a process of its own.
+chain_store="$build/chain-store"
+rm -rf "$chain_store"
+"$build"/bench/tavik_chain_probe "$chain_store" 10000 2000 > "$results/chain.txt"
+rm -rf "$chain_store"
+
 for size in "${sizes[@]}"; do
   for round in 1 2 3; do
     "$probe" load cache "$stores/store-$size" >> "$results/cpu-cache-$size.txt"

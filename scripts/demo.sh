@@ -62,9 +62,14 @@ echo "(A retry is refused: a new key would replace the one bob.csr was made for.
 step_expecting 2 certcache --passin env:CERT_PW request --email bob@example.org --out bob.csr
 step certcache list --pending
 
-section "3. The openssl tool signs it, as an authority would"
-step openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout ca.key -out ca.crt \
-  -subj "/CN=Demo Authority" -days 365
+section "3. The openssl tool signs it, as an authority would: from an intermediate, not its root"
+step openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout root.key \
+  -out root.crt -subj "/CN=Demo Root" -days 365
+step openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout ca.key \
+  -subj "/CN=Demo Intermediate" -out ca.csr
+step openssl x509 -req -in ca.csr -CA root.crt -CAkey root.key -CAcreateserial -days 365 \
+  -extfile <(printf 'basicConstraints=critical,CA:TRUE\nsubjectKeyIdentifier=hash\nauthorityKeyIdentifier=keyid\n') \
+  -out ca.crt
 step openssl x509 -req -in bob.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days 60 -out bob.crt
 
 section "4. A certificate for another key is refused; the request stays pending"
@@ -75,11 +80,18 @@ step_expecting 65 certcache --passin env:CERT_PW install other.crt
 step certcache list --pending
 
 section "5. Install the signed certificate with its chain: the pending key becomes its key"
-echo "(The authority's certificate in the bundle is named and left out.)"
+echo "(The intermediate that came with it is kept in ca/, in the same change.)"
 step sh -c 'cat bob.crt ca.crt >bob-chain.pem'
 step certcache --passin env:CERT_PW install bob-chain.pem
-step ls "$CERTCACHE_STORE/user"
+step ls "$CERTCACHE_STORE/user" "$CERTCACHE_STORE/ca"
 step certcache list --long
+
+section "5b. The chain above it: it breaks where the store holds no root, until the root is there"
+step certcache show bob@example.org --chain
+step_expecting 65 certcache verify bob@example.org
+step certcache --kind ca --no-keys install root.crt
+step certcache show bob@example.org --chain
+step certcache verify bob@example.org
 
 section "6. Show it, with its key (password) and as JSON (certificate alone)"
 step certcache --passin env:CERT_PW show bob@example.org
@@ -89,8 +101,8 @@ step certcache files bob_at_example.org
 section "7. What expires within 90 days, and what else needs a look (exit 20 when anything does)"
 step_expecting 20 certcache expiring --days 90
 step_expecting 20 certcache --passin env:CERT_PW check --days 90
-step certcache verify bob@example.org --ca ca.crt
-step_expecting 65 certcache verify alice@example.org --ca ca.crt
+step certcache verify bob@example.org --ca <(cat root.crt ca.crt)
+step_expecting 65 certcache verify alice@example.org
 
 section "8. A renewal: a new key waits beside the working pair until the new certificate comes"
 step certcache --passin env:CERT_PW renew bob@example.org --out bob-renewal.csr
@@ -104,8 +116,11 @@ step certcache --passin env:CERT_PW show bob@example.org
 step certcache list --pending
 
 section "8b. To a browser and back: PKCS#12, read and written by the openssl tool too"
+echo "(The file carries the chain: the intermediate and the root as CA bags.)"
 step certcache --passin env:CERT_PW export bob@example.org --out bob.p12
 step openssl pkcs12 -info -noout -in bob.p12 -passin env:CERT_PW
+step certcache --passin env:CERT_PW export bob@example.org --pem --out bob.pem --key-out bob.key
+step openssl verify -CAfile root.crt -untrusted bob.pem bob.pem
 echo "(For software that reads nothing newer: Triple-DES and a SHA-1 MAC, said on stderr.)"
 step certcache --passin env:CERT_PW export bob@example.org --legacy --out bob-legacy.p12
 step openssl pkcs12 -export -in other.crt -inkey other.key -passout pass:browser -out other.p12
