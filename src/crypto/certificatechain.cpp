@@ -29,7 +29,9 @@ LogRegister logRegister(logHandle, TAVIK_LOG_SOURCE_FILE, __LINE__, 8);
 // it; 0 stands for a name that cannot be hashed, which then matches nothing.
 unsigned long nameHash(const X509_NAME* name) {
   int ok = 0;
+  ERR_set_mark();
   const unsigned long hash = X509_NAME_hash_ex(name, nullptr, nullptr, &ok);
+  ERR_pop_to_mark();
   return ok == 1 ? hash : 0;
 }
 
@@ -42,7 +44,9 @@ unsigned long subjectHash(const std::string& der) {
     return 0;
   }
   const unsigned char* at = layout.subject;
+  ERR_set_mark();
   X509NamePtr subject(d2i_X509_NAME(nullptr, &at, static_cast<long>(layout.subjectLength)));
+  ERR_pop_to_mark();
   return subject ? nameHash(subject.get()) : 0;
 }
 
