@@ -97,6 +97,9 @@ const Operation kOperations[] = {
    "-r_at_x.tpk -r_at_x.crt r_at_x.crt=pem:r@x r_at_x.key=r_at_x.tpk"},
   {"InstallWithoutKeys", "put r_at_x.tpk; open plainq; install - r@x 0", {"-> 0", "-> 1"},
    "r_at_x.crt=pem:r@x"},
+  {"ChainOfThree", "put ca/r.crt=by:R:0:R:0; put ca/i.crt=by:I:1:R:0; put l.crt=by:l@x:2:I:1:n; "
+   "chain l.crt", {"-> l@x I R complete", "-> l@x I R open", "-> l@x I open", "-> l@x open",
+   "-> open"}},
 };
 // clang-format on
 

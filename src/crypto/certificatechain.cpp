@@ -192,6 +192,7 @@ const CertificateChain::Authority* CertificateChain::issuerOf(
 
 std::vector<std::shared_ptr<Certificate>> CertificateChain::build(
     const std::shared_ptr<Certificate>& leaf) const {
+  if (!leaf) return {};
   std::vector<std::shared_ptr<Certificate>> path = {leaf};
   for (int steps = 0;; ++steps) {
     X509* current = path.back()->getX509();
@@ -217,7 +218,7 @@ std::vector<std::shared_ptr<Certificate>> CertificateChain::candidates(
     const std::shared_ptr<Certificate>& leaf) const {
   std::vector<std::shared_ptr<Certificate>> found;
   std::set<const Authority*> taken;
-  std::vector<X509*> pending = {leaf->getX509()};
+  std::vector<X509*> pending = {leaf ? leaf->getX509() : nullptr};
   while (!pending.empty()) {
     X509* certificate = pending.back();
     pending.pop_back();

@@ -73,7 +73,7 @@ class CertificateChain {
   // authority, or whose validity excludes now while another candidate's does
   // not, is passed over with a log statement; a loop or more than kMaxSteps
   // steps ends the path with one. A leaf that cannot be decoded is the path
-  // alone.
+  // alone; no leaf (null), an empty path.
   std::vector<std::shared_ptr<Certificate>> build(const std::shared_ptr<Certificate>& leaf) const;
 
   // Whether `path` (as build() returns it) ends at a self-signed certificate.
