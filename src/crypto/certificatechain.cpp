@@ -51,14 +51,7 @@ unsigned long subjectHash(const std::string& der) {
 }
 
 std::string subjectText(const X509* certificate) {
-  BioPtr bio(BIO_new(BIO_s_mem()));
-  char* data = nullptr;
-  if (!bio ||
-      X509_NAME_print_ex(bio.get(), X509_get_subject_name(certificate), 0, XN_FLAG_RFC2253) < 0) {
-    return "?";
-  }
-  const long length = BIO_get_mem_data(bio.get(), &data);
-  return std::string(data, static_cast<std::size_t>(std::max(length, 0L)));
+  return OpenSSLUtil::nameText(X509_get_subject_name(certificate));
 }
 
 bool validNow(const X509* certificate) {
@@ -237,6 +230,15 @@ bool CertificateChain::holds(const std::string& der) const {
   return std::any_of(range.first, range.second, [&](const auto& entry) {
     return authorities_[entry.second].certificate->der() == der;
   });
+}
+
+std::vector<std::shared_ptr<Certificate>> CertificateChain::authoritiesNamed(
+    const X509_NAME* name) const {
+  std::vector<std::shared_ptr<Certificate>> found;
+  for (const Authority* authority : named(name)) {
+    if (authority->accepted) found.push_back(authority->certificate);
+  }
+  return found;
 }
 
 ChainedCredential CertificateChain::getCredential(const CertFileCache& cache, const std::string& id,
