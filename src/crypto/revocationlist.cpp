@@ -164,8 +164,12 @@ std::string RevocationList::read(std::string_view contents,
 std::string RevocationList::pem() const {
   BioPtr bio(BIO_new(BIO_s_mem()));
   char* data = nullptr;
+  // The bytes as they came: OpenSSL's encoder may spell an odd but accepted
+  // encoding differently, and the same list must stay the same bytes.
   ERR_set_mark();
-  const bool written = bio && PEM_write_bio_X509_CRL(bio.get(), crl_.get()) == 1;
+  const bool written = bio && PEM_write_bio(bio.get(), PEM_STRING_X509_CRL, "",
+                                            reinterpret_cast<const unsigned char*>(der_.data()),
+                                            static_cast<long>(der_.size())) > 0;
   ERR_pop_to_mark();
   if (!written) return "";
   const long length = BIO_get_mem_data(bio.get(), &data);

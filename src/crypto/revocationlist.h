@@ -56,7 +56,8 @@ class RevocationList {
 
   X509_CRL* get() const { return crl_.get(); }  // borrowed; never null
   const std::string& der() const { return der_; }
-  // The list as one PEM block labelled X509 CRL.
+  // The list as one PEM block labelled X509 CRL, holding der(); "" when
+  // there is no memory for it.
   std::string pem() const;
 
   // The issuer's name in OpenSSL's one-line RFC 2253 form.
