@@ -384,6 +384,10 @@ const Case kCases[] = {
     {kVoid("S", "m@x", "CRL signature failure"), "-> unknown"}, kIndexed(3, 3),
     {kVoid("T", "n@x", "CRL is not yet valid"), "-> unknown"}, kIndexed(3, 3),
     {kVoid("S", "S", "CRL signature failure"), "-> unknown"}})},
+  {"TheNewestListOfAnIssuerCountsInWhicheverLocation", "ca/r.crt=by:R:4:R:4 l.crt=by:l@x:6:R:4:n "
+   "crl/r.crl=crl:R:4:-:o 2:crl/r.crl=crl:R:4:106/6:2 2:crl/s.crl=crl:R:4:-:o3",
+   "revocation l.crt leaf", "l.crt", "", test::concat({kIndexed(1, 3), {kRevokedBy("l@x", "R",
+   "certificateHold"), "-> revoked certificateHold 2025-01-01"}})},
   {"DeltaAndIndirectListsArePassedOver", "ca/r.crt=by:R:4:R:4 l.crt=by:l@x:6:R:4:n "
    "crl/d.crl=crl:R:4:106:d2 crl/i.crl=crl:R:4:106:i crl/x.crl=junk 2:crl/two.CRL=crl:R:4 "
    "2:crl/r.crl.bak=crl:R:4:106", "revocation l.crt leaf", "l.crt", "",

@@ -211,6 +211,9 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"--json crl list", 0, "[\n  {\n    \"issuer\": \"CN=CA\",\n    \"this_update\": "
      "\"2020-01-01T00:00:00Z\",\n    \"next_update\": \"2020-01-02T00:00:00Z\",\n    "
      "\"entries\": 1,\n    \"file\": \"root/crl/CA.crl\"\n  }\n]\n"},
+    // Another authority of the same name keeps its list beside, under a fingerprint.
+    {"!cp CA.crt root/ca/CA2.crt && c --store root crl add CA.crl && ls root/crl && rm "
+     "root/ca/CA2.crt", 0, "~kept revocation list: CN=CA\nCA-[0-9a-f]{8}[.]crl\nCA[.]crl\n"},
     {"--no-keys --json show laptop", 0, "~.*\"has_key\": false\n\\}\n"},
     {"--no-keys " + kPass + " request --email x@x", 9, "cannot do this"},
     {"--location second " + kPass + " show al@x", 100, "al@x"},

@@ -174,20 +174,27 @@ std::vector<const KeptRevocationList*> RevocationLists::keptOf(const Certificate
 
 X509CrlStackPtr RevocationLists::listsFor(
     const std::vector<std::shared_ptr<Certificate>>& path) const {
-  X509CrlStackPtr found(sk_X509_CRL_new_null());
-  std::vector<bool> taken(lists_.size());
+  std::vector<std::size_t> found;
   for (const std::shared_ptr<Certificate>& certificate : path) {
     const X509_NAME* issuer = X509_get_issuer_name(certificate->getX509());
     const auto range = byIssuer_.equal_range(nameHash(issuer));
-    for (auto it = range.first; found && it != range.second; ++it) {
-      X509_CRL* crl = lists_[it->second].list->get();
-      if (taken[it->second] || X509_NAME_cmp(X509_CRL_get_issuer(crl), issuer) != 0) continue;
-      taken[it->second] = true;
-      if (sk_X509_CRL_push(found.get(), crl) <= 0) return nullptr;
-      X509_CRL_up_ref(crl);
+    for (auto it = range.first; it != range.second; ++it) {
+      if (X509_NAME_cmp(X509_CRL_get_issuer(lists_[it->second].list->get()), issuer) == 0) {
+        found.push_back(it->second);
+      }
     }
   }
-  return found;
+  // In the order indexed: of lists that OpenSSL rates alike (the same issuer
+  // and thisUpdate), it takes the first.
+  std::sort(found.begin(), found.end());
+  found.erase(std::unique(found.begin(), found.end()), found.end());
+  X509CrlStackPtr stack(sk_X509_CRL_new_null());
+  for (const std::size_t i : found) {
+    X509_CRL* crl = lists_[i].list->get();
+    if (!stack || sk_X509_CRL_push(stack.get(), crl) <= 0) return nullptr;
+    X509_CRL_up_ref(crl);
+  }
+  return stack;
 }
 
 bool RevocationLists::verifiedWith(const X509_CRL* crl, X509* issuer) const {

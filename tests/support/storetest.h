@@ -124,7 +124,8 @@ class StoreTest : public ::testing::Test {
   // "CN=a/emailAddress=b"), "by:CN:N:ISSUER:M[:FLAGS]" (an authority CN=CN of testKey(N), serial
   // 100+N, issued by CN=ISSUER with testKey(M); FLAGS "n": CA:FALSE, "x": expired),
   // "crl:ISSUER:M[:ENTRIES[:FLAGS]]" (a list of CN=ISSUER signed with testKey(M); ENTRIES
-  // "SERIAL[/REASON],..." or "-"; FLAGS "s": past its nextUpdate, "f": thisUpdate tomorrow, "d":
+  // "SERIAL[/REASON],..." or "-"; FLAGS "s": past its nextUpdate, "f": thisUpdate tomorrow, "o":
+  // thisUpdate two days ago rather than one, "d":
   // delta, "i": indirect, "b": DER, digits: its number) or text. By default a ".crt" is a user
   // certificate whose address is the base name with "_at_" read as "@" (else "@x" appended), and
   // any other file is testKey(0).
@@ -193,6 +194,7 @@ class StoreTest : public ::testing::Test {
       made.number = std::stol(flags.substr(flags.find_first_of("0123456789")));
     if (flags.find('s') != flags.npos) made.thisUpdateDays = -9, made.nextUpdateDays = -1;
     if (flags.find('f') != flags.npos) made.thisUpdateDays = 1;
+    if (flags.find('o') != flags.npos) made.thisUpdateDays = -2;
     made.delta = flags.find('d') != flags.npos, made.indirect = flags.find('i') != flags.npos;
     const X509CrlPtr crl = makeRevocationList(made);
     return flags.find('b') != flags.npos ? toDer(crl.get()) : toPem(crl.get());
