@@ -10,6 +10,7 @@
 #include <limits>
 
 #include "base/derreader.h"
+#include "base/pemblocks.h"
 
 namespace tavik {
 
@@ -55,10 +56,10 @@ bool isCertificate(std::string_view der) {
 }
 
 // A PEM label as a message may quote it: printable ASCII, and not too long.
-std::string quotedLabel(const char* label) {
+std::string quotedLabel(const std::string& label) {
   std::string text;
-  for (const char* c = label; *c != '\0' && text.size() < 40; ++c) {
-    text += std::isprint(static_cast<unsigned char>(*c)) != 0 ? *c : '?';
+  for (std::size_t i = 0; i < label.size() && text.size() < 40; ++i) {
+    text += std::isprint(static_cast<unsigned char>(label[i])) != 0 ? label[i] : '?';
   }
   return text;
 }
@@ -67,34 +68,20 @@ std::string quotedLabel(const char* label) {
 
 std::string RevocationList::readPem(std::string_view text,
                                     std::vector<std::shared_ptr<const RevocationList>>& lists) {
-  BioPtr bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-  if (!bio) return "there is no memory to read it";
-  for (int block = 1;; ++block) {
-    char* name = nullptr;
-    char* header = nullptr;
-    unsigned char* data = nullptr;
-    long length = 0;
-    const int read = PEM_read_bio(bio.get(), &name, &header, &data, &length);
-    const OpenSSLCharsPtr ownedName(name), ownedHeader(header);
-    const OpenSSLBytesPtr ownedData(data);
-    if (read == 0) break;
-    const std::string label = name;
-    const std::string der(reinterpret_cast<const char*>(data), static_cast<std::size_t>(length));
+  std::vector<PemBlock> blocks;
+  const bool ended = readPemBlocks(text, blocks);
+  for (std::size_t i = 0; i < blocks.size(); ++i) {
+    const std::string& label = blocks[i].label;
     if (label == "CERTIFICATE" || label == "X509 CERTIFICATE" || label == "TRUSTED CERTIFICATE") {
       return "it holds a certificate, not a revocation list";
     }
-    if (label != "X509 CRL") return "it holds a PEM block labelled " + quotedLabel(name);
+    if (label != PEM_STRING_X509_CRL) return "it holds a PEM block labelled " + quotedLabel(label);
     const std::size_t before = lists.size();
-    if (!readDer(der, lists).empty() || lists.size() != before + 1) {
-      return "its PEM block " + std::to_string(block) + " is cut short or damaged";
+    if (!readDer(blocks[i].der, lists).empty() || lists.size() != before + 1) {
+      return "its PEM block " + std::to_string(i + 1) + " is cut short or damaged";
     }
   }
-  // The end of the text reads as "no start line"; anything else is a block
-  // that began and did not end well.
-  const unsigned long error = ERR_peek_last_error();
-  if (ERR_GET_LIB(error) != ERR_LIB_PEM || ERR_GET_REASON(error) != PEM_R_NO_START_LINE) {
-    return "it holds a PEM block that is broken or cut short";
-  }
+  if (!ended) return "it holds a PEM block that is broken or cut short";
   return lists.empty() ? "it holds no PEM block that can be read" : "";
 }
 
