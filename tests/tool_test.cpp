@@ -199,7 +199,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"crl add CA.crl", 65, "its signature does not verify with the key of the store's authority "
      "CN=CA"}, {"crl add Nobody.crl", 65, "the store holds no authority CN=Nobody, its issuer"},
     {"crl add cut.crl", 65, "it holds a PEM block that is broken or cut short"},
-    {"crl add ca.crt", 65, "it holds a certificate, not a revocation list"},
+    {"crl add ca.crt", 65, "ca.crt is not a revocation list: it holds a certificate\n"},
     {"crl add huge.crl", 65, "it is cut short: it announces 1073741830 bytes and holds 8"},
     {"crl add pw", 65, "neither PEM nor DER"}, {"crl add twice.der", 65, "bytes after the revoc"},
     {"crl add l3.crl cy.csr", 65, "cy.csr is not a revocation list: it holds a PEM block labelled "

@@ -73,7 +73,7 @@ std::string RevocationList::readPem(std::string_view text,
   for (std::size_t i = 0; i < blocks.size(); ++i) {
     const std::string& label = blocks[i].label;
     if (label == "CERTIFICATE" || label == "X509 CERTIFICATE" || label == "TRUSTED CERTIFICATE") {
-      return "it holds a certificate, not a revocation list";
+      return "it holds a certificate";
     }
     if (label != PEM_STRING_X509_CRL) return "it holds a PEM block labelled " + quotedLabel(label);
     const std::size_t before = lists.size();
@@ -127,8 +127,7 @@ std::string RevocationList::readDer(std::string_view der,
   }
   std::shared_ptr<const RevocationList> list = fromDer(std::string(der.substr(0, announced)));
   if (!list) {
-    return isCertificate(der.substr(0, announced)) ? "it holds a certificate, not a revocation list"
-                                                   : kNeither;
+    return isCertificate(der.substr(0, announced)) ? "it holds a certificate" : kNeither;
   }
   if (announced != der.size()) return "it holds bytes after the revocation list";
   lists.push_back(std::move(list));

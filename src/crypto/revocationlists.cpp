@@ -95,7 +95,7 @@ bool readEntry(X509_CRL* list, X509* certificate, std::string& reason, std::time
 struct RevocationLists::Check {
   struct Verdict {
     bool noList = false;  // no list was found for it
-    bool void_ = false;   // the list found does not count for it
+    bool voidList = false;  // the list found does not count for it
     bool stale = false;   // the list found is past its nextUpdate
     bool revoked = false;
     X509_CRL* list = nullptr;  // the list OpenSSL checked it against
@@ -255,14 +255,14 @@ int RevocationLists::noteVerdict(int ok, X509_STORE_CTX* context) {
   if (check->checkingList && error == X509_V_ERR_CRL_HAS_EXPIRED) {
     verdict->stale = true;
   } else if (check->checkingList || error == X509_V_ERR_UNHANDLED_CRITICAL_CRL_EXTENSION) {
-    verdict->void_ = true;
+    verdict->voidList = true;
     TAVIK_LOG_INFO(logHandle) << "The revocation list of "
                               << OpenSSLUtil::nameText(X509_CRL_get_issuer(verdict->list))
                               << " does not count for " << subjectOf(certificate) << ": "
                               << X509_verify_cert_error_string(error);
   } else if (error == X509_V_ERR_UNABLE_TO_GET_CRL) {
     verdict->noList = true;
-  } else if (error == X509_V_ERR_CERT_REVOKED && !verdict->void_ && verdict->list != nullptr) {
+  } else if (error == X509_V_ERR_CERT_REVOKED && !verdict->voidList && verdict->list != nullptr) {
     verdict->revoked = readEntry(verdict->list, certificate, verdict->reason, verdict->revokedAt);
   }
   return 1;
@@ -318,7 +318,7 @@ std::vector<RevocationStatus> RevocationLists::check(
     RevocationStatus& status = statuses[i];
     const bool onChain = i < static_cast<std::size_t>(sk_X509_num(chain)) &&
                          sk_X509_value(chain, static_cast<int>(i)) == path[i]->getX509();
-    if (!onChain || verdict.noList || verdict.void_) continue;
+    if (!onChain || verdict.noList || verdict.voidList) continue;
     status.state = verdict.revoked ? RevocationStatus::State::revoked
                    : verdict.stale ? RevocationStatus::State::unknown
                                    : RevocationStatus::State::good;
