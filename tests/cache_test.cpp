@@ -388,6 +388,10 @@ const Case kCases[] = {
    "crl/r.crl=crl:R:4:-:o 2:crl/r.crl=crl:R:4:106/6:2 2:crl/s.crl=crl:R:4:-:o3",
    "revocation l.crt leaf", "l.crt", "", test::concat({kIndexed(1, 3), {kRevokedBy("l@x", "R",
    "certificateHold"), "-> revoked certificateHold 2025-01-01"}})},
+  {"AnIssuerWithoutTheRightToSignListsHasNoListThatCounts", "ca/r.crt=by:R:4:R:4:k "
+   "l.crt=by:l@x:6:R:4:n crl/r.crl=crl:R:4:106/1", "revocation l.crt leaf", "l.crt", "",
+   test::concat({kIndexed(1, 1), {kVoid("R", "l@x", "key usage does not include CRL signing"),
+   "-> unknown"}})},
   {"DeltaAndIndirectListsArePassedOver", "ca/r.crt=by:R:4:R:4 l.crt=by:l@x:6:R:4:n "
    "crl/d.crl=crl:R:4:106:d2 crl/i.crl=crl:R:4:106:i crl/x.crl=junk 2:crl/two.CRL=crl:R:4 "
    "2:crl/r.crl.bak=crl:R:4:106", "revocation l.crt leaf", "l.crt", "",

@@ -13,6 +13,7 @@
 #include <boost/filesystem.hpp>
 #include <boost/make_shared.hpp>
 #include <fstream>
+#include <future>
 #include <iomanip>
 #include <map>
 #include <optional>
@@ -122,7 +123,8 @@ class StoreTest : public ::testing::Test {
   // the content: "key:N[:PASSWORD]" (testKey(N) under "pw" or PASSWORD), "email:ADDRESS" (a user
   // certificate), "der", "ca:SUBJECT" (an authority), "cert:SUBJECT" (no extensions; SUBJECT as
   // "CN=a/emailAddress=b"), "by:CN:N:ISSUER:M[:FLAGS]" (an authority CN=CN of testKey(N), serial
-  // 100+N, issued by CN=ISSUER with testKey(M); FLAGS "n": CA:FALSE, "x": expired),
+  // 100+N, issued by CN=ISSUER with testKey(M); FLAGS "n": CA:FALSE, "x": expired, "k": a key
+  // usage without the right to sign lists),
   // "crl:ISSUER:M[:ENTRIES[:FLAGS]]" (a list of CN=ISSUER signed with testKey(M); ENTRIES
   // "SERIAL[/REASON],..." or "-"; FLAGS "s": past its nextUpdate, "f": thisUpdate tomorrow, "o":
   // thisUpdate two days ago rather than one, "d":
@@ -150,15 +152,15 @@ class StoreTest : public ::testing::Test {
       if (content.compare(0, 3, "by:") == 0) {
         const std::vector<std::string> part = words(content.substr(3) + ": ", ':');
         const X509Ptr issuer = makeCertificate({{{"CN", part[2]}}, {}, testKey(std::stoi(part[3]))});
-        content = made[content] = toPem(
-            makeCertificate({{{"CN", part[0]}},
-                             {{NID_basic_constraints, part[4][0] == 'n' ? "CA:FALSE" : "CA:TRUE"}},
-                             testKey(std::stoi(part[1])),
-                             part[4][0] == 'x' ? -1 : 365,
-                             testKey(std::stoi(part[3])),
-                             issuer.get(),
-                             100 + std::stol(part[1])})
-                .get());
+        CertRecipe recipe{{{"CN", part[0]}},
+                          {{NID_basic_constraints, part[4][0] == 'n' ? "CA:FALSE" : "CA:TRUE"}},
+                          testKey(std::stoi(part[1])),
+                          part[4][0] == 'x' ? -1 : 365,
+                          testKey(std::stoi(part[3])),
+                          issuer.get(),
+                          100 + std::stol(part[1])};
+        if (part[4][0] == 'k') recipe.extensions.emplace_back(NID_key_usage, "keyCertSign");
+        content = made[content] = toPem(makeCertificate(recipe).get());
       }
       if (content.compare(0, 4, "crl:") == 0) content = made[content] = list(content.substr(4));
       if (content.compare(0, 3, "ca:") == 0 || content.compare(0, 5, "cert:") == 0) {
@@ -326,12 +328,25 @@ class StoreTest : public ::testing::Test {
         const RevocationScope scope = a[2] == "leaf" ? RevocationScope::leaf : RevocationScope::all;
         const std::string statuses = describe(RevocationLists(store, chain).check(steps, scope));
         // Lists that no authority of the index verified go through OpenSSL's own check of a list
-        // each time: the same answers, without the signatures verified once.
+        // each time: the same answers, without the signatures verified once. And one index
+        // answers any number of threads at once alike.
         LogFacility::setUp(false);
         const std::string own =
             describe(RevocationLists(store, CertificateChain(none)).check(steps, scope));
+        const RevocationLists shared(store, chain);
+        std::vector<std::future<bool>> threads;
+        for (int i = 0; i < 4; ++i)
+          threads.push_back(std::async(std::launch::async, [&] {
+            bool alike = true;
+            for (int round = 0; round < 20; ++round)
+              alike = alike && describe(shared.check(steps, scope)) == statuses;
+            return alike;
+          }));
+        bool alike = true;
+        for (std::future<bool>& thread : threads) alike = thread.get() && alike;
         LogFacility::setUp(true);
-        note("->" + statuses + (own == statuses ? "" : " but OpenSSL's own check:" + own));
+        note("->" + statuses + (own == statuses ? "" : " but OpenSSL's own check:" + own) +
+             (alike ? "" : " but not in every thread"));
       }
       if (c == "cleanup") note(cache_->cleanupCsr(a[1], a[2]));
       if (c == "install") {
