@@ -56,24 +56,11 @@ __attribute__((noinline)) double measuredChecks(
   return rounds[7];
 }
 
-}  // namespace
-
-}  // namespace bench
-}  // namespace tavik
-
-int main(int argc, char** argv) {
-  using namespace tavik;
-  using namespace tavik::bench;
-  if (argc != 5) {
-    std::fprintf(stderr, "usage: %s STORE_ROOT ENTRIES CHECKS ec|rsa\n", argv[0]);
-    return 64;
-  }
-  const std::string root = argv[1];
-  const long entries = std::strtol(argv[2], nullptr, 10),
-             checks = std::strtol(argv[3], nullptr, 10);
+// Makes the store and measures; the figures go to standard output.
+int probe(const std::string& root, long entries, long checks, const std::string& key) {
   ConfigurationInit::ensure();
-  const PkeyHandle rootKey = std::string(argv[4]) == "rsa" ? OpenSSLUtil::generateRsaPkey(2048)
-                                                           : OpenSSLUtil::generateEcPkey("P-256");
+  const PkeyHandle rootKey =
+      key == "rsa" ? OpenSSLUtil::generateRsaPkey(2048) : OpenSSLUtil::generateEcPkey("P-256");
   const PkeyHandle leafKey = OpenSSLUtil::generateEcPkey("P-256");
   const X509Ptr authority = test::makeCertificate(
       {{{"CN", "Bench Root"}}, {{NID_basic_constraints, "critical,CA:TRUE"}}, rootKey.get()});
@@ -112,11 +99,30 @@ int main(int argc, char** argv) {
   std::printf(
       "key=%s entries=%ld list_bytes=%zu index_ms=%.1f check_leaf_us=%.1f check_all_us=%.1f "
       "check_revoked_leaf_us=%.1f check_unverified_us=%.1f\n",
-      argv[4], entries, list.size(), indexMs,
+      key.c_str(), entries, list.size(), indexMs,
       measuredChecks(lists, good, RevocationScope::leaf, checks, State::good),
       measuredChecks(lists, good, RevocationScope::all, checks, State::good),
       measuredChecks(lists, revoked, RevocationScope::leaf, checks, State::revoked),
       measuredChecks(unverified, good, RevocationScope::leaf, std::max(15L, checks / 30),
                      State::good));
   return 0;
+}
+
+}  // namespace
+
+}  // namespace bench
+}  // namespace tavik
+
+int main(int argc, char** argv) {
+  if (argc != 5) {
+    std::fprintf(stderr, "usage: %s STORE_ROOT ENTRIES CHECKS ec|rsa\n", argv[0]);
+    return 64;
+  }
+  try {
+    return tavik::bench::probe(argv[1], std::strtol(argv[2], nullptr, 10),
+                               std::strtol(argv[3], nullptr, 10), argv[4]);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "%s\n", error.what());
+    return 1;
+  }
 }

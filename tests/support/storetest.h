@@ -334,14 +334,14 @@ class StoreTest : public ::testing::Test {
         const std::string own =
             describe(RevocationLists(store, CertificateChain(none)).check(steps, scope));
         const RevocationLists shared(store, chain);
-        std::vector<std::future<bool>> threads;
-        for (int i = 0; i < 4; ++i)
-          threads.push_back(std::async(std::launch::async, [&] {
+        std::vector<std::future<bool>> threads(4);
+        for (std::future<bool>& thread : threads)
+          thread = std::async(std::launch::async, [&] {
             bool alike = true;
             for (int round = 0; round < 20; ++round)
               alike = alike && describe(shared.check(steps, scope)) == statuses;
             return alike;
-          }));
+          });
         bool alike = true;
         for (std::future<bool>& thread : threads) alike = thread.get() && alike;
         LogFacility::setUp(true);
