@@ -415,7 +415,8 @@ class StoreTest : public ::testing::Test {
     std::string text;
     for (const RevocationStatus& status : statuses) {
       char date[16] = "";
-      std::strftime(date, sizeof date, " %Y-%m-%d", std::gmtime(&status.revokedAt));
+      std::tm broken{};
+      std::strftime(date, sizeof date, " %Y-%m-%d", ::gmtime_r(&status.revokedAt, &broken));
       text += status.state == RevocationStatus::State::good ? " good"
               : status.state == RevocationStatus::State::unknown
                   ? " unknown"
