@@ -54,4 +54,12 @@ std::string OpenSSLUtil::nameText(const X509_NAME* name) {
   return std::string(data, static_cast<std::size_t>(std::max(length, 0L)));
 }
 
+unsigned long OpenSSLUtil::nameHash(const X509_NAME* name) {
+  int ok = 0;
+  ERR_set_mark();
+  const unsigned long hash = X509_NAME_hash_ex(name, nullptr, nullptr, &ok);
+  ERR_pop_to_mark();
+  return ok == 1 ? hash : 0;
+}
+
 }  // namespace tavik

@@ -91,6 +91,10 @@ struct OpenSSLUtil {
   // `name` (borrowed) in OpenSSL's one-line RFC 2253 form, as statements and
   // people see names; "?" when it cannot be printed.
   static std::string nameText(const X509_NAME* name);
+  // The canonical hash of `name` (borrowed), as OpenSSL's own certificate
+  // directories use it; 0 for a name that cannot be hashed, which then matches
+  // nothing. OpenSSL's error queue is left as it was.
+  static unsigned long nameHash(const X509_NAME* name);
 };
 
 }  // namespace tavik

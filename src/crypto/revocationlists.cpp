@@ -30,13 +30,6 @@ const char* const kReasons[] = {"unspecified",        "keyCompromise", "CACompro
                                 "certificateHold",    nullptr,         "removeFromCRL",
                                 "privilegeWithdrawn", "AACompromise"};
 
-// The canonical hash of a name, as OpenSSL's own directories of lists use it.
-unsigned long nameHash(const X509_NAME* name) {
-  int ok = 0;
-  const unsigned long hash = X509_NAME_hash_ex(name, nullptr, nullptr, &ok);
-  return ok == 1 ? hash : 0;
-}
-
 bool hasListExtension(std::string_view name) {
   const std::size_t length = sizeof kRevocationExtension - 1;
   return name.size() > length &&
@@ -149,7 +142,7 @@ RevocationLists::RevocationLists(CertificateStore& store, const CertificateChain
         continue;
       }
       const std::shared_ptr<const RevocationList>& list = read.front();
-      byIssuer_.emplace(nameHash(X509_CRL_get_issuer(list->get())), lists_.size());
+      byIssuer_.emplace(OpenSSLUtil::nameHash(X509_CRL_get_issuer(list->get())), lists_.size());
       byList_.emplace(list->get(), lists_.size());
       lists_.push_back({list, file.string(), list->issuers(authorities)});
     }
@@ -177,7 +170,7 @@ X509CrlStackPtr RevocationLists::listsFor(
   std::vector<std::size_t> found;
   for (const std::shared_ptr<Certificate>& certificate : path) {
     const X509_NAME* issuer = X509_get_issuer_name(certificate->getX509());
-    const auto range = byIssuer_.equal_range(nameHash(issuer));
+    const auto range = byIssuer_.equal_range(OpenSSLUtil::nameHash(issuer));
     for (auto it = range.first; it != range.second; ++it) {
       if (X509_NAME_cmp(X509_CRL_get_issuer(lists_[it->second].list->get()), issuer) == 0) {
         found.push_back(it->second);
@@ -273,7 +266,7 @@ std::vector<RevocationStatus> RevocationLists::check(
   const bool all = scope == RevocationScope::all;
   std::vector<RevocationStatus> statuses(path.empty() ? 0 : all ? path.size() : 1);
   const bool decoded = std::all_of(path.begin(), path.end(), [](const auto& certificate) {
-    return certificate->getX509() != nullptr;
+    return certificate && certificate->getX509() != nullptr;
   });
   if (path.empty() || !decoded) return statuses;
 

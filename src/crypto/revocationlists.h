@@ -102,7 +102,8 @@ class RevocationLists {
   // Checks `path` (leaf first, each certificate followed by its issuer; a
   // complete one ends at a self-signed root) against the lists: one status
   // for each certificate checked, in the path's order (with `leaf`, one).
-  // Certificates that cannot be decoded, and an empty path, are unknown.
+  // A path with a certificate that is null or cannot be decoded is unknown
+  // throughout; an empty path gives no status.
   std::vector<RevocationStatus> check(const std::vector<std::shared_ptr<Certificate>>& path,
                                       RevocationScope scope) const;
 
