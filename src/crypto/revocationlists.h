@@ -109,7 +109,8 @@ class RevocationLists {
 
   // Every list kept, in the order indexed.
   const std::vector<KeptRevocationList>& lists() const { return lists_; }
-  // The lists kept that `issuer`'s key verifies, in the order indexed.
+  // The lists kept that `issuer`, one of the store's authorities, verifies,
+  // in the order indexed; none for a certificate the store does not hold.
   std::vector<const KeptRevocationList*> keptOf(const Certificate& issuer) const;
 
  private:
