@@ -127,6 +127,23 @@ table(["authorities", "indexing (CPU)", "chain length", "one chain, median", "on
       [(chain["authorities"], "%s ms" % chain["index_cpu_ms"], chain["chain_length"],
         "%s µs" % chain["build_median_us"], "%s µs" % chain["build_p99_us"])] if chain else [])
 
+revocation = [fields(read("revocation-%s.txt" % key)) for key in ("ec", "rsa")]
+revocation = [r for r in revocation if r]
+added = fields(read("revocation-add.txt"))
+section("Revocation", "tavik_revocation_probe: a root authority's list of %s revoked serials (%s bytes) "
+        "in a store, indexed once by RevocationLists; then a leaf the root issued checked against it, "
+        "per check the median of 15 rounds. The last check column uses an index made without the "
+        "authorities, where OpenSSL verifies the list's signature on every check. `crl add` of the same "
+        "list (RSA root), wall-clock: %s s, peak resident %s KiB." % (
+            revocation[0].get("entries", "?") if revocation else "?",
+            revocation[0].get("list_bytes", "?") if revocation else "?",
+            added.get("crl_add_s", "?"), added.get("crl_add_peak_kib", "?")))
+table(["root key", "indexing", "check, leaf", "check, whole path", "check, revoked leaf",
+       "check, signature verified each time"],
+      [("EC P-256" if r["key"] == "ec" else "RSA 2048", "%s ms" % r["index_ms"], "%s µs" % r["check_leaf_us"],
+        "%s µs" % r["check_all_us"], "%s µs" % r["check_revoked_leaf_us"],
+        "%s µs" % r["check_unverified_us"]) for r in revocation])
+
 section("System calls of one opening", "strace -c of one opening of the store of %d, start-up included." % small)
 cache_calls, bare_calls = syscalls("cache"), syscalls("openssl")
 top = sorted(set(cache_calls) | set(bare_calls), key=lambda k: (-cache_calls.get(k, 0) - bare_calls.get(k, 0), k))

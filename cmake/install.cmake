@@ -15,6 +15,7 @@ install(TARGETS tavik_certcache EXPORT tavik_certcacheTargets
 foreach(header
     crypto/certificatefilecache.h crypto/certreq.h crypto/credentialprofile.h
     crypto/certstorewatcher.h crypto/certificatechain.h
+    crypto/revocationlist.h crypto/revocationlists.h
     base/certificate.h base/certificateidentity.h base/certificatefilter.h
     base/certificatestore.h base/configurationinit.h base/environment.h
     base/filename.h base/opensslutil.h base/stringutil.h

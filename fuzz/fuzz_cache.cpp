@@ -1,7 +1,9 @@
 // One fuzz target for what the cache takes from outside. The first byte says what the rest is:
 // 0 or 1 a certificate file or an authority's reply, 2 a password, a certificate and a key,
-// 3 a file name, 4 a store (see store()). Each mode checks properties, not only that nothing
-// crashes. Built with TAVIK_FUZZ_REPLAY it is a program that runs the files it is given.
+// 3 a file name, 4 a store (see store()), 5 a revocation list file. Each mode checks properties,
+// not only that nothing crashes. Built with TAVIK_FUZZ_REPLAY it is a program that runs the files
+// it is given.
+#include <openssl/err.h>
 #include <sys/stat.h>
 
 #include <boost/filesystem.hpp>
@@ -12,6 +14,7 @@
 #include "base/certificateidentity.h"
 #include "base/filename.h"
 #include "crypto/certificatefilecache.h"
+#include "crypto/revocationlists.h"
 #include "log/log.h"
 
 namespace tavik {
@@ -157,6 +160,35 @@ void store(Input& in) {
   }
 }
 
+// Whatever read() takes reads back as the same lists from their DER and their PEM, leaves
+// OpenSSL's queue as it was, and is what a store's index takes from the same file.
+void revocationLists(const std::string& bytes) {
+  using Lists = std::vector<std::shared_ptr<const RevocationList>>;
+  ERR_clear_error();
+  Lists lists, again;
+  const std::string refusal = RevocationList::read(bytes, lists);
+  check(refusal.empty() != lists.empty(), "a list read and refused, or neither");
+  check(ERR_peek_error() == 0, "reading a list leaves errors on OpenSSL's queue");
+  for (const std::shared_ptr<const RevocationList>& list : lists) {
+    for (const std::string& form : {list->der(), list->pem()}) {
+      check(RevocationList::read(form, again).empty() && again.size() == 1 &&
+                again[0]->der() == list->der() && again[0]->issuer() == list->issuer() &&
+                RevocationList::compare(*again[0], *list) == 0,
+            "a list does not read back as itself");
+    }
+  }
+  const std::string top = scratch("lists");
+  fs::remove_all(top);
+  fs::create_directories(top + "/crl");
+  std::ofstream((top + "/crl/x.crl").c_str(), std::ios::binary) << bytes;
+  CertificateStore store(top, {top}), none(top, {});
+  const RevocationLists index(store, CertificateChain(none));
+  const bool used = lists.size() == 1 && lists[0]->unusedKind().empty();
+  check(index.lists().size() == (used ? 1u : 0u) &&
+            (!used || index.lists()[0].list->der() == lists[0]->der()),
+        "the store's index and read() disagree");
+}
+
 int run(Input in) {
   static const bool logging =
       (LogFacility::setLevels(0x3E), LogFacility::setSink([](auto&) {}), true);
@@ -165,6 +197,7 @@ int run(Input in) {
   if (mode == 2) keyPair(in);
   if (mode == 3) fileName(in.rest());
   if (mode == 4) store(in);
+  if (mode == 5) revocationLists(in.rest());
   return logging ? 0 : 1;
 }
 

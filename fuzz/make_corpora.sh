@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Seeds of the fuzz target, made with the openssl tool, each after its mode byte (see
 # fuzz_cache.cpp): certificates (user, authority, alternative names, version 1; PEM, DER and
-# base64), keys, a request, file names and stores. Usage: fuzz/make_corpora.sh OUTDIR
+# base64), keys, a request, file names, stores and revocation lists. Usage: fuzz/make_corpora.sh OUTDIR
 set -euo pipefail
 mkdir -p "$1" && out=$(cd "$1" && pwd) && work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT && cd "$work"
@@ -28,3 +28,8 @@ seed 4 <(u8 1; str pw; entry 0 a.crt user; entry 0 a.key key.enc; entry 0 b.CRT 
   entry 2 g.crt target)
 seed 4 <(u8 6; str ""; entry 0 ca.crt ca; entry 4 ca.crt ca; entry 12 ca empty
   entry 0 ca.key key.enc)
+printf '[ca]\ndefault_ca=d\n[d]\ndatabase=db\ncrlnumber=n\ndefault_md=sha256\ndefault_crl_days=9\n' >cnf
+: >db && echo 01 >n && openssl ca -config cnf -keyfile key -cert ca -revoke user -crl_reason superseded 2>/dev/null
+openssl ca -config cnf -gencrl -keyfile key -cert ca -out crl 2>/dev/null
+openssl crl -in crl -outform DER -out crl.der && cat crl crl >crls && head -c 200 crl >crl.cut
+for f in crl crl.der crls crl.cut ca; do seed 5 $f; done

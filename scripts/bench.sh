@@ -94,6 +94,19 @@ rm -rf "$copy"
 # in a process of its own.
 chain_store="$build/chain-store"
 rm -rf "$chain_store"
+
+# Revocation: a list of 100,000 revoked serials indexed once, a leaf checked
+# against it (the root's key EC, then RSA), and `crl add` of the same list.
+revocation_store="$build/revocation-store"
+for key in ec rsa; do
+  "$build"/bench/tavik_revocation_probe "$revocation_store" 100000 3000 "$key" \
+    > "$results/revocation-$key.txt"
+done
+rm -rf "$revocation_store/crl"
+/usr/bin/time -o "$results/revocation-add.txt" -f "crl_add_s=%e crl_add_peak_kib=%M" \
+  "$build"/tools/certcache/certcache --store "$revocation_store" crl add "$revocation_store.crl" \
+  > /dev/null
+rm -rf "$revocation_store" "$revocation_store.crl"
 "$build"/bench/tavik_chain_probe "$chain_store" 10000 2000 > "$results/chain.txt"
 rm -rf "$chain_store"
 

@@ -60,6 +60,20 @@ const std::string kText =
 const std::string kLong(129, 'l');
 const std::string kChain = "src/crypto/certificatechain.cpp",
                   kAuthorities = kChain + "debug: Found ", kIn = " certificate(s) for chains in 2 location(s)";
+const std::string kLists = "src/crypto/revocationlists.cpp", kFoundLists = kLists + "debug: Found ";
+// What one revocation check over a store of `authorities` and `lists` logs first.
+std::vector<std::string> kIndexed(int authorities, int lists) {
+  return {kAuthorities + std::to_string(authorities) + kIn,
+          kFoundLists + std::to_string(lists) + " revocation list(s) in 2 location(s)"};
+}
+std::string kVoid(const std::string& list, const std::string& subject, const std::string& why) {
+  return kLists + "info: The revocation list of CN=" + list + " does not count for CN=" + subject +
+         ": " + why;
+}
+std::string kRevokedBy(const std::string& subject, const std::string& list,
+                       const std::string& why) {
+  return kLists + "info: CN=" + subject + " is revoked by the list of CN=" + list + ": " + why;
+}
 const std::string kNoProfile = "error: Can't use credential profile: ";
 // The extensions of a profile's certificate for `email` whose key's second use is `use`.
 std::string kUses(const std::string& email, const std::string& use) {
@@ -349,6 +363,44 @@ const Case kCases[] = {
               std::to_string(1 + i % 2) + ":C" + std::to_string(i + 1) + ":" +
               std::to_string(1 + (i + 1) % 2)});
    }},
+  // ---- revocation: each certificate of the path against its issuer's list, as OpenSSL judges it
+  {"RevocationNamesTheRevokedCertificateOfThePathWithReasonAndDate", "ca/r.crt=by:R:4:R:4 "
+   "2:ca/i.crt=by:I:5:R:4 l.crt=by:l@x:6:I:5:n crl/r.crl=crl:R:4:105/4 2:crl/i.crl=crl:I:5:-:b",
+   "revocation l.crt all; revocation l.crt leaf", "l.crt", "",
+   test::concat({kIndexed(2, 2), {kRevokedBy("I", "R", "superseded"), "-> good revoked superseded "
+    "2025-01-01 good"}, kIndexed(2, 2), {"-> good"}})},
+  {"RevokedLeafWithoutAReasonIsUnspecifiedAndAStaleListStillRevokes", "ca/r.crt=by:R:4:R:4 "
+   "l.crt=by:l@x:6:R:4:n m.crt=by:m@x:7:R:4:n crl/r.crl=crl:R:4:106/1,107:s",
+   "revocation l.crt leaf; revocation m.crt all", "l.crt m.crt", "",
+   test::concat({kIndexed(1, 1), {kRevokedBy("l@x", "R", "keyCompromise"), "-> revoked "
+    "keyCompromise 2025-01-01"}, kIndexed(1, 1), {kRevokedBy("m@x", "R", "unspecified"), "-> revoked "
+    "unspecified 2025-01-01 unknown (stale)"}})},
+  {"UnknownWithoutAListThatCounts", "ca/r.crt=by:R:4:R:4 ca/s.crt=by:S:5:S:5 ca/t.crt=by:T:7:T:7 "
+   "l.crt=by:l@x:6:R:4:n m.crt=by:m@x:6:S:5:n n.crt=by:n@x:6:T:7:n crl/r.crl=crl:R:4:-:s "
+   "crl/s.crl=crl:S:7:106 crl/t.crl=crl:T:7:106/1:f",
+   "revocation l.crt all; revocation m.crt leaf; revocation n.crt leaf; revocation "
+   "ca/s.crt leaf", "l.crt m.crt n.crt", "",
+   test::concat({kIndexed(3, 3), {"-> unknown (stale) unknown (stale)"}, kIndexed(3, 3),
+    {kVoid("S", "m@x", "CRL signature failure"), "-> unknown"}, kIndexed(3, 3),
+    {kVoid("T", "n@x", "CRL is not yet valid"), "-> unknown"}, kIndexed(3, 3),
+    {kVoid("S", "S", "CRL signature failure"), "-> unknown"}})},
+  {"TheNewestListOfAnIssuerCountsInWhicheverLocation", "ca/r.crt=by:R:4:R:4 l.crt=by:l@x:6:R:4:n "
+   "crl/r.crl=crl:R:4:-:o 2:crl/r.crl=crl:R:4:106/6:2 2:crl/s.crl=crl:R:4:-:o3",
+   "revocation l.crt leaf", "l.crt", "", test::concat({kIndexed(1, 3), {kRevokedBy("l@x", "R",
+   "certificateHold"), "-> revoked certificateHold 2025-01-01"}})},
+  {"AnIssuerWithoutTheRightToSignListsHasNoListThatCounts", "ca/r.crt=by:R:4:R:4:k "
+   "l.crt=by:l@x:6:R:4:n crl/r.crl=crl:R:4:106/1", "revocation l.crt leaf", "l.crt", "",
+   test::concat({kIndexed(1, 1), {kVoid("R", "l@x", "key usage does not include CRL signing"),
+   "-> unknown"}})},
+  {"DeltaAndIndirectListsArePassedOver", "ca/r.crt=by:R:4:R:4 l.crt=by:l@x:6:R:4:n "
+   "crl/d.crl=crl:R:4:106:d2 crl/i.crl=crl:R:4:106:i crl/x.crl=junk 2:crl/two.CRL=crl:R:4 "
+   "2:crl/r.crl.bak=crl:R:4:106", "revocation l.crt leaf", "l.crt", "",
+   {kAuthorities + "1" + kIn, kLists + "warning: Passed over the revocation list <%R/crl/d.crl>: a "
+    "delta list, which holds only what changed since a base list", kLists + "warning: Passed over "
+    "the revocation list <%R/crl/i.crl>: an indirect list, which revokes certificates of other "
+    "issuers", kLists + "warning: Passed over the revocation list <%R/crl/x.crl>: it is neither PEM"
+    " nor DER of a revocation list", kFoundLists + "1 revocation list(s) in 2 location(s)",
+    "-> good"}},
   // ---- as a user whom the file system refuses, run by run_unprivileged.sh
   {"UnreadableCertificateIsSkippedWithItsWarning", "locked.crt",
    "chmod locked.crt 0; open plain; chmod locked.crt 600", "locked.crt", "",

@@ -181,6 +181,39 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "\tdue\n"},
     {"!cat cy.crt ca.crt | c --store root --kind ca --no-keys install --overwrite", 0, "*"},
     {"--json expiring --days 5", 0, "[]\n"}, {"--kind ca --no-keys list", 0, "CA\n"},
+    // Revocation lists of the store's authority CA, made by `openssl ca`, and what is none.
+    {"!printf '[ca]\\ndefault_ca=d\\n[d]\\ndatabase=crl.db\\ncrlnumber=crl.n\\ndefault_md=sha256\\n"
+     "default_crl_days=7\\n' >crl.cnf && : >crl.db && echo 01 >crl.n && g() { openssl ca -config "
+     "crl.cnf -gencrl -keyfile ${KEY:-ca.key} -cert ${CRT:-ca.crt} \"$@\" 2>/dev/null; } && g -out l1.crl"
+     " && openssl ca -config crl.cnf -keyfile ca.key -cert ca.crt -revoke cy.crt -crl_reason "
+     "keyCompromise 2>/dev/null && g -out l2.crl && g -crl_lastupdate 20200101000000Z "
+     "-crl_nextupdate 20200102000000Z -out l3.crl && for n in CA Nobody; do openssl req -x509 "
+     "-newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout $n.key -out $n.crt -subj /CN=$n "
+     "2>/dev/null && KEY=$n.key CRT=$n.crt g -out $n.crl || exit 1; done && head -c 150 l2.crl >cut.crl "
+     "&& printf '\\060\\204\\100\\000\\000\\000ab' >huge.crl && openssl crl -in l2.crl -outform DER "
+     "-out l2.der && cat l2.der l2.der >twice.der", 0, ""},
+    {"crl list", 0, ""}, {"crl add l1.crl", 0, "kept revocation list: CN=CA\n"},
+    {"crl add l2.der", 0, "kept revocation list: CN=CA\n"},
+    {"crl add l2.crl l2.der", 0, "already kept: CN=CA\nalready kept: CN=CA\n"},
+    {"crl add l1.crl", 65, "l1.crl holds a revocation list of CN=CA older than the one kept"},
+    {"crl add CA.crl", 65, "its signature does not verify with the key of the store's authority "
+     "CN=CA"}, {"crl add Nobody.crl", 65, "the store holds no authority CN=Nobody, its issuer"},
+    {"crl add cut.crl", 65, "it holds a PEM block that is broken or cut short"},
+    {"crl add ca.crt", 65, "ca.crt is not a revocation list: it holds a certificate\n"},
+    {"crl add huge.crl", 65, "it is cut short: it announces 1073741830 bytes and holds 8"},
+    {"crl add pw", 65, "neither PEM nor DER"}, {"crl add twice.der", 65, "bytes after the revoc"},
+    {"crl add l3.crl cy.csr", 65, "cy.csr is not a revocation list: it holds a PEM block labelled "
+     "CERTIFICATE REQUEST"}, {"crl add l3.crl none.crl", 66, "cannot read none.crl"},
+    {"crl list", 0, "~CN=CA\t" + kTime + "\t" + kTime + "\t1\n"},
+    {"!c --store root crl add l3.crl 2>&1 && ls root/crl", 0, "kept revocation list: CN=CA\n"
+     "certcache: crl add: warning: the revocation list of CN=CA is past its nextUpdate, "
+     "2020-01-02T00:00:00Z; kept all the same\nCA.crl\n"},
+    {"--json crl list", 0, "[\n  {\n    \"issuer\": \"CN=CA\",\n    \"this_update\": "
+     "\"2020-01-01T00:00:00Z\",\n    \"next_update\": \"2020-01-02T00:00:00Z\",\n    "
+     "\"entries\": 1,\n    \"file\": \"root/crl/CA.crl\"\n  }\n]\n"},
+    // Another authority of the same name keeps its list beside, under a fingerprint.
+    {"!cp CA.crt root/ca/CA2.crt && c --store root crl add CA.crl && ls root/crl && rm "
+     "root/ca/CA2.crt", 0, "~kept revocation list: CN=CA\nCA-[0-9a-f]{8}[.]crl\nCA[.]crl\n"},
     {"--no-keys --json show laptop", 0, "~.*\"has_key\": false\n\\}\n"},
     {"--no-keys " + kPass + " request --email x@x", 9, "cannot do this"},
     {"--location second " + kPass + " show al@x", 100, "al@x"},
@@ -208,6 +241,9 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {"!PATH=${B%/*}:$PATH X=$X bash -c '. $X && t() { COMP_WORDS=(certcache \"$@\"); COMP_CWORD=$#; "
      "_certcache; echo \"${COMPREPLY[*]}\"; } && t ch && t --store root show c && t list --pe && t "
      "--kind \"\" && t renew --key ec'", 0, "check\ncy@x\n--pending\nuser ca\nec:P-256 ec:P-384\n"},
+    {"!PATH=${B%/*}:$PATH X=$X bash -c '. $X && t() { COMP_WORDS=(certcache \"$@\"); COMP_CWORD=$#; "
+     "_certcache; echo \"${COMPREPLY[*]}\"; } && t cr && t crl l && t crl add hu'", 0,
+     "crl\nlist\nhuge.crl\n"},
     // Verification, PKCS#12 both ways with the openssl tool, and a store that needs a look.
     {"verify cy@x --ca ca.crt", 0, "cy@x: OK\n"},
     {"!c --store root --json verify al@x --ca ca.crt; echo $?", 0, "{\n  \"id\": \"al@x\",\n  "
@@ -361,6 +397,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     {kPass + " request --email '@x'", 64, "address"}, {kPass + " request --email 'a b@x'", 64, "@"},
     {kPass + " request --email \"$(printf 'a\\tb@x')\"", 64, "address"},
     {"--store root/nowhere list", 66, "store root"}, {"--store root/nowhere expiring", 66, "root"},
+    {"crl", 64, "A subcommand is required"}, {"crl add", 64, "FILE is required"},
     {"--location root/nowhere list", 66, "the location root/nowhere does not exist"},
     {"rename cy_at_x d_at_x", 2, "exists and would be replaced"},
     {"--passin pass:pw self-signed --email cy@x", 2, "--overwrite"},
@@ -464,6 +501,10 @@ TEST_F(ToolTest, AKillAtAnyFileChangeLeavesTheOldOrTheNewCredentialWhole) {
     {"c request" + key + " --email a@x --overwrite >/dev/null", "remove a@x"},
     {"c request" + key + " --email r@x >/dev/null", "cancel-request --email r@x"},
     {"", "export a@x --out o/a.p12", "export a@x --out o/a.p12"},  // a later one clears up
+    {"mkdir -p root/ca && cp ca.crt root/ca/CA.crt && printf '[ca]\\ndefault_ca=d\\n[d]\\n"
+     "database=o/db\\ncrlnumber=o/n\\ndefault_md=sha256\\n' >o/cnf && : >o/db && echo 01 >o/n && for "
+     "l in old new; do openssl ca -config o/cnf -gencrl -crldays 9 -keyfile ca.key -cert ca.crt "
+     "-out o/$l.crl 2>/dev/null || exit 1; done && c crl add o/old.crl", "crl add o/new.crl"},
   };  // clang-format on
   run("!openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout ca.key -out "
       "ca.crt -subj /CN=CA 2>&1");

@@ -3,6 +3,8 @@
 #include <openssl/err.h>
 #include <openssl/rsa.h>
 
+#include <algorithm>
+
 #include "base/configurationinit.h"
 
 namespace tavik {
@@ -42,6 +44,22 @@ PkeyHandle OpenSSLUtil::generateEcPkey(const char* curve) {
   return generateKey("EC", [curve](EVP_PKEY_CTX* context) {
     return EVP_PKEY_CTX_set_group_name(context, curve);
   });
+}
+
+std::string OpenSSLUtil::nameText(const X509_NAME* name) {
+  BioPtr bio(BIO_new(BIO_s_mem()));
+  char* data = nullptr;
+  if (!bio || X509_NAME_print_ex(bio.get(), name, 0, XN_FLAG_RFC2253) < 0) return "?";
+  const long length = BIO_get_mem_data(bio.get(), &data);
+  return std::string(data, static_cast<std::size_t>(std::max(length, 0L)));
+}
+
+unsigned long OpenSSLUtil::nameHash(const X509_NAME* name) {
+  int ok = 0;
+  ERR_set_mark();
+  const unsigned long hash = X509_NAME_hash_ex(name, nullptr, nullptr, &ok);
+  ERR_pop_to_mark();
+  return ok == 1 ? hash : 0;
 }
 
 }  // namespace tavik

@@ -12,6 +12,7 @@
 #include <openssl/x509v3.h>
 
 #include <memory>
+#include <string>
 
 namespace tavik {
 
@@ -29,6 +30,9 @@ inline void freeExtensions(STACK_OF(X509_EXTENSION) * extensions) {
 }
 inline void freeCertificates(STACK_OF(X509) * certificates) {
   sk_X509_pop_free(certificates, X509_free);
+}
+inline void freeRevocationLists(STACK_OF(X509_CRL) * lists) {
+  sk_X509_CRL_pop_free(lists, X509_CRL_free);
 }
 // OPENSSL_free is a macro; memory OpenSSL hands out must go back through it.
 template <typename T>
@@ -54,6 +58,13 @@ using GeneralNamesPtr = OpenSSLPtr<GENERAL_NAMES, openssl_detail::freeGeneralNam
 using X509ExtensionsPtr = OpenSSLPtr<STACK_OF(X509_EXTENSION), openssl_detail::freeExtensions>;
 // A stack of certificates that holds a reference to each.
 using X509StackPtr = OpenSSLPtr<STACK_OF(X509), openssl_detail::freeCertificates>;
+using X509CrlPtr = OpenSSLPtr<X509_CRL, X509_CRL_free>;
+// A stack of revocation lists that holds a reference to each.
+using X509CrlStackPtr = OpenSSLPtr<STACK_OF(X509_CRL), openssl_detail::freeRevocationLists>;
+using X509StorePtr = OpenSSLPtr<X509_STORE, X509_STORE_free>;
+using X509StoreCtxPtr = OpenSSLPtr<X509_STORE_CTX, X509_STORE_CTX_free>;
+using AuthorityKeyIdPtr = OpenSSLPtr<AUTHORITY_KEYID, AUTHORITY_KEYID_free>;
+using Asn1IntegerPtr = OpenSSLPtr<ASN1_INTEGER, ASN1_INTEGER_free>;
 // Bytes and text that OpenSSL allocated for the caller.
 using OpenSSLBytesPtr = OpenSSLPtr<unsigned char, openssl_detail::freeOpenSSLMemory<unsigned char>>;
 using OpenSSLCharsPtr = OpenSSLPtr<char, openssl_detail::freeOpenSSLMemory<char>>;
@@ -77,6 +88,13 @@ struct OpenSSLUtil {
   static PkeyHandle generateRsaPkey(int bits);
   // A new EC key on the named curve ("P-256", "P-384"); empty as above.
   static PkeyHandle generateEcPkey(const char* curve);
+  // `name` (borrowed) in OpenSSL's one-line RFC 2253 form, as statements and
+  // people see names; "?" when it cannot be printed.
+  static std::string nameText(const X509_NAME* name);
+  // The canonical hash of `name` (borrowed), as OpenSSL's own certificate
+  // directories use it; 0 for a name that cannot be hashed, which then matches
+  // nothing. OpenSSL's error queue is left as it was.
+  static unsigned long nameHash(const X509_NAME* name);
 };
 
 }  // namespace tavik

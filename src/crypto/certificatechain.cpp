@@ -25,16 +25,6 @@ namespace {
 LogHandle logHandle(nullptr, 0, 2);
 LogRegister logRegister(logHandle, TAVIK_LOG_SOURCE_FILE, __LINE__, 8);
 
-// The canonical hash of a name, as OpenSSL's own certificate directories use
-// it; 0 stands for a name that cannot be hashed, which then matches nothing.
-unsigned long nameHash(const X509_NAME* name) {
-  int ok = 0;
-  ERR_set_mark();
-  const unsigned long hash = X509_NAME_hash_ex(name, nullptr, nullptr, &ok);
-  ERR_pop_to_mark();
-  return ok == 1 ? hash : 0;
-}
-
 // The subject hash of a certificate's DER, from its subject alone: the index
 // decodes no public key until a path needs the certificate.
 unsigned long subjectHash(const std::string& der) {
@@ -47,18 +37,11 @@ unsigned long subjectHash(const std::string& der) {
   ERR_set_mark();
   X509NamePtr subject(d2i_X509_NAME(nullptr, &at, static_cast<long>(layout.subjectLength)));
   ERR_pop_to_mark();
-  return subject ? nameHash(subject.get()) : 0;
+  return subject ? OpenSSLUtil::nameHash(subject.get()) : 0;
 }
 
 std::string subjectText(const X509* certificate) {
-  BioPtr bio(BIO_new(BIO_s_mem()));
-  char* data = nullptr;
-  if (!bio ||
-      X509_NAME_print_ex(bio.get(), X509_get_subject_name(certificate), 0, XN_FLAG_RFC2253) < 0) {
-    return "?";
-  }
-  const long length = BIO_get_mem_data(bio.get(), &data);
-  return std::string(data, static_cast<std::size_t>(std::max(length, 0L)));
+  return OpenSSLUtil::nameText(X509_get_subject_name(certificate));
 }
 
 bool validNow(const X509* certificate) {
@@ -135,7 +118,7 @@ CertificateChain::CertificateChain(CertificateStore& store) {
 std::vector<const CertificateChain::Authority*> CertificateChain::named(
     const X509_NAME* name) const {
   std::vector<std::size_t> found;
-  const auto range = bySubject_.equal_range(nameHash(name));
+  const auto range = bySubject_.equal_range(OpenSSLUtil::nameHash(name));
   for (auto it = range.first; it != range.second; ++it) found.push_back(it->second);
   std::sort(found.begin(), found.end());  // search order
   std::vector<const Authority*> authorities;
@@ -237,6 +220,15 @@ bool CertificateChain::holds(const std::string& der) const {
   return std::any_of(range.first, range.second, [&](const auto& entry) {
     return authorities_[entry.second].certificate->der() == der;
   });
+}
+
+std::vector<std::shared_ptr<Certificate>> CertificateChain::authoritiesNamed(
+    const X509_NAME* name) const {
+  std::vector<std::shared_ptr<Certificate>> found;
+  for (const Authority* authority : named(name)) {
+    if (authority->accepted) found.push_back(authority->certificate);
+  }
+  return found;
 }
 
 ChainedCredential CertificateChain::getCredential(const CertFileCache& cache, const std::string& id,

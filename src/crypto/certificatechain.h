@@ -18,9 +18,9 @@
 // and from getCredential, what CertFileCache::getCertificate throws.
 //
 // Threads. A CertificateChain reads the store once, when it is made, and
-// never changes afterwards: build(), candidates(), holds() and getCredential()
-// may be called from any number of threads at once. Files added to the store
-// later are not in it; a new CertificateChain sees them.
+// never changes afterwards: build(), candidates(), holds(), authoritiesNamed()
+// and getCredential() may be called from any number of threads at once. Files
+// added to the store later are not in it; a new CertificateChain sees them.
 #ifndef TAVIK_CRYPTO_CERTIFICATECHAIN_H_
 #define TAVIK_CRYPTO_CERTIFICATECHAIN_H_
 
@@ -87,6 +87,11 @@ class CertificateChain {
 
   // Whether the index holds a certificate of exactly these DER bytes.
   bool holds(const std::string& der) const;
+
+  // The authorities of the index whose subject is `name` (borrowed), in search
+  // order: the candidates for the issuer of a certificate or of a revocation
+  // list that names it.
+  std::vector<std::shared_ptr<Certificate>> authoritiesNamed(const X509_NAME* name) const;
 
   // The credential of `id` from `cache` (CertFileCache::getCertificate with
   // `password`, decoded whole), with the path above it. On failure the

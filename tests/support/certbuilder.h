@@ -7,6 +7,7 @@
 #include <openssl/x509v3.h>
 
 #include <array>
+#include <ctime>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -16,10 +17,13 @@
 namespace tavik {
 namespace test {
 
-// One of four RSA 1024 keys, each made once per process: key generation is slow.
+// Keys 0 to 3 are RSA 1024, 4 to 7 EC P-256, each made once per process: key generation is slow.
 inline EVP_PKEY* testKey(int which) {
-  static std::array<PkeyHandle, 4> keys;
-  if (!keys.at(which)) keys.at(which) = OpenSSLUtil::generateRsaPkey(1024);
+  static std::array<PkeyHandle, 8> keys;
+  if (!keys.at(which)) {
+    keys.at(which) =
+        which < 4 ? OpenSSLUtil::generateRsaPkey(1024) : OpenSSLUtil::generateEcPkey("P-256");
+  }
   return keys.at(which).get();
 }
 
@@ -30,16 +34,17 @@ struct CertRecipe {
   long days = 365;             // valid since yesterday for this many days
   EVP_PKEY* signer = nullptr;  // self-signed when null
   X509* issuer = nullptr;      // self-issued when null
+  long serial = 2;
 };
 
-// Serial 2; version 1 without extensions, else 3.
+// Version 1 without extensions, else 3.
 inline X509Ptr makeCertificate(const CertRecipe& recipe) {
   EVP_PKEY* key = recipe.key != nullptr ? recipe.key : testKey(0);
   X509Ptr cert(X509_new());
   X509* issuer = recipe.issuer != nullptr ? recipe.issuer : cert.get();
   X509_NAME* subject = X509_get_subject_name(cert.get());
   bool made = X509_set_version(cert.get(), recipe.extensions.empty() ? 0 : 2) &&
-              ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), 2) &&
+              ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), recipe.serial) &&
               X509_gmtime_adj(X509_getm_notBefore(cert.get()), -86400) &&
               X509_gmtime_adj(X509_getm_notAfter(cert.get()), recipe.days * 86400) &&
               X509_set_pubkey(cert.get(), key);
@@ -63,6 +68,56 @@ inline X509Ptr makeCertificate(const CertRecipe& recipe) {
   return cert;
 }
 
+struct CrlRecipe {
+  const X509_NAME* issuer = nullptr;          // the list's issuer
+  EVP_PKEY* signer = nullptr;                 // the key that signs it
+  std::vector<std::pair<long, int>> revoked;  // serial and reason code (-1: none), on 2025-01-01
+  long thisUpdateDays = -1;                   // from now
+  long nextUpdateDays = 7;
+  long number = 1;  // the CRL number; 0: none
+  bool delta = false, indirect = false;
+};
+
+// A revocation list, signed with SHA-256.
+inline X509CrlPtr makeRevocationList(const CrlRecipe& recipe) {
+  X509CrlPtr crl(X509_CRL_new());
+  const std::time_t now = std::time(nullptr);
+  const OpenSSLPtr<ASN1_TIME, ASN1_TIME_free> thisUpdate(
+      ASN1_TIME_adj(nullptr, now, recipe.thisUpdateDays, 0)),
+      nextUpdate(ASN1_TIME_adj(nullptr, now, recipe.nextUpdateDays, 0)),
+      revokedAt(ASN1_TIME_adj(nullptr, 1735689600, 0, 0));
+  const Asn1IntegerPtr number(ASN1_INTEGER_new());
+  OpenSSLPtr<ISSUING_DIST_POINT, ISSUING_DIST_POINT_free> scope(ISSUING_DIST_POINT_new());
+  bool made = crl && thisUpdate && nextUpdate && revokedAt && number && scope &&
+              X509_CRL_set_version(crl.get(), 1) &&
+              X509_CRL_set_issuer_name(crl.get(), recipe.issuer) &&
+              X509_CRL_set1_lastUpdate(crl.get(), thisUpdate.get()) &&
+              X509_CRL_set1_nextUpdate(crl.get(), nextUpdate.get()) &&
+              ASN1_INTEGER_set(number.get(), recipe.number);
+  for (const auto& [serial, reason] : recipe.revoked) {
+    OpenSSLPtr<X509_REVOKED, X509_REVOKED_free> entry(X509_REVOKED_new());
+    const Asn1IntegerPtr value(ASN1_INTEGER_new());
+    const OpenSSLPtr<ASN1_ENUMERATED, ASN1_ENUMERATED_free> code(ASN1_ENUMERATED_new());
+    made =
+        made && entry && value && code && ASN1_INTEGER_set(value.get(), serial) &&
+        X509_REVOKED_set_serialNumber(entry.get(), value.get()) &&
+        X509_REVOKED_set_revocationDate(entry.get(), revokedAt.get()) &&
+        ASN1_ENUMERATED_set(code.get(), reason) &&
+        (reason < 0 || X509_REVOKED_add1_ext_i2d(entry.get(), NID_crl_reason, code.get(), 0, 0)) &&
+        X509_CRL_add0_revoked(crl.get(), entry.get()) && entry.release() != nullptr;
+  }
+  scope->indirectCRL = 1;
+  made = made &&
+         (recipe.number == 0 ||
+          X509_CRL_add1_ext_i2d(crl.get(), NID_crl_number, number.get(), 0, 0)) &&
+         (!recipe.delta || X509_CRL_add1_ext_i2d(crl.get(), NID_delta_crl, number.get(), 1, 0)) &&
+         (!recipe.indirect ||
+          X509_CRL_add1_ext_i2d(crl.get(), NID_issuing_distribution_point, scope.get(), 1, 0)) &&
+         X509_CRL_sort(crl.get()) && X509_CRL_sign(crl.get(), recipe.signer, EVP_sha256()) > 0;
+  if (!made) throw std::runtime_error("cannot make a test revocation list");
+  return crl;
+}
+
 // An end entity with CN "User", emailAddress `email` and CA:FALSE.
 inline CertRecipe userRecipe(const std::string& email, EVP_PKEY* key = nullptr, long days = 365) {
   return {
@@ -83,6 +138,12 @@ inline std::string toPem(X509* cert) {
 }
 inline std::string toDer(X509* cert) {
   return written([cert](BIO* bio) { return i2d_X509_bio(bio, cert); });
+}
+inline std::string toPem(X509_CRL* crl) {
+  return written([crl](BIO* bio) { return PEM_write_bio_X509_CRL(bio, crl); });
+}
+inline std::string toDer(X509_CRL* crl) {
+  return written([crl](BIO* bio) { return i2d_X509_CRL_bio(bio, crl); });
 }
 // The key as PEM, encrypted with Triple-DES under `password`, as the cache writes keys.
 inline std::string encryptedKeyPem(EVP_PKEY* key, const std::string& password) {

@@ -13,6 +13,7 @@
 #include <boost/filesystem.hpp>
 #include <boost/make_shared.hpp>
 #include <fstream>
+#include <future>
 #include <iomanip>
 #include <map>
 #include <optional>
@@ -22,6 +23,7 @@
 #include "base/environment.h"
 #include "crypto/certificatechain.h"
 #include "crypto/certificatefilecache.h"
+#include "crypto/revocationlists.h"
 #include "log/log.h"
 #include "support/certbuilder.h"
 
@@ -41,6 +43,12 @@ inline std::vector<std::string> words(const std::string& text, char separator) {
   std::istringstream in(text);
   for (std::string part; std::getline(in, part, separator);) parts.push_back(part);
   return parts;
+}
+inline std::vector<std::string> concat(std::initializer_list<std::vector<std::string>> parts) {
+  std::vector<std::string> all;
+  for (const std::vector<std::string>& part : parts)
+    all.insert(all.end(), part.begin(), part.end());
+  return all;
 }
 inline std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -103,20 +111,26 @@ class StoreTest : public ::testing::Test {
   }
 
   // A file in the root's cache directory ("a.crt"), or in the second location's ("2:a.crt");
-  // "ca/a.crt" and "2:ca/a.crt" are in the authorities' directories.
+  // "ca/a.crt" and "2:ca/a.crt" are in the authorities' directories, "crl/a.crl" in the lists'.
   std::string path(const std::string& where) const {
     const bool second = where.compare(0, 2, "2:") == 0;
     const std::string name = where.substr(2 * second);
-    return (second ? second_ : root_) + (name.compare(0, 3, "ca/") == 0 ? "" : "/user") +
-           (name.empty() ? "" : "/" + name);
+    const bool beside = name.compare(0, 3, "ca/") == 0 || name.compare(0, 4, "crl/") == 0;
+    return (second ? second_ : root_) + (beside ? "" : "/user") + (name.empty() ? "" : "/" + name);
   }
 
   // Makes files named as path() names them ("x/": a directory holding a file). After '=' comes
   // the content: "key:N[:PASSWORD]" (testKey(N) under "pw" or PASSWORD), "email:ADDRESS" (a user
   // certificate), "der", "ca:SUBJECT" (an authority), "cert:SUBJECT" (no extensions; SUBJECT as
-  // "CN=a/emailAddress=b"), "by:CN:N:ISSUER:M[:FLAGS]" (an authority CN=CN of testKey(N) issued
-  // by CN=ISSUER with testKey(M); FLAGS "n": CA:FALSE, "x": expired) or text. By default a ".crt" is a user certificate whose address is
-  // the base name with "_at_" read as "@" (else "@x" appended), and any other file is testKey(0).
+  // "CN=a/emailAddress=b"), "by:CN:N:ISSUER:M[:FLAGS]" (an authority CN=CN of testKey(N), serial
+  // 100+N, issued by CN=ISSUER with testKey(M); FLAGS "n": CA:FALSE, "x": expired, "k": a key
+  // usage without the right to sign lists),
+  // "crl:ISSUER:M[:ENTRIES[:FLAGS]]" (a list of CN=ISSUER signed with testKey(M); ENTRIES
+  // "SERIAL[/REASON],..." or "-"; FLAGS "s": past its nextUpdate, "f": thisUpdate tomorrow, "o":
+  // thisUpdate two days ago rather than one, "d":
+  // delta, "i": indirect, "b": DER, digits: its number) or text. By default a ".crt" is a user
+  // certificate whose address is the base name with "_at_" read as "@" (else "@x" appended), and
+  // any other file is testKey(0).
   void put(const std::vector<std::string>& entries) {
     for (const std::string& entry : entries) {
       const std::string name = entry.substr(0, entry.find('='));
@@ -138,13 +152,17 @@ class StoreTest : public ::testing::Test {
       if (content.compare(0, 3, "by:") == 0) {
         const std::vector<std::string> part = words(content.substr(3) + ": ", ':');
         const X509Ptr issuer = makeCertificate({{{"CN", part[2]}}, {}, testKey(std::stoi(part[3]))});
-        content = made[content] = toPem(
-            makeCertificate({{{"CN", part[0]}},
-                             {{NID_basic_constraints, part[4][0] == 'n' ? "CA:FALSE" : "CA:TRUE"}},
-                             testKey(std::stoi(part[1])), part[4][0] == 'x' ? -1 : 365,
-                             testKey(std::stoi(part[3])), issuer.get()})
-                .get());
+        CertRecipe recipe{{{"CN", part[0]}},
+                          {{NID_basic_constraints, part[4][0] == 'n' ? "CA:FALSE" : "CA:TRUE"}},
+                          testKey(std::stoi(part[1])),
+                          part[4][0] == 'x' ? -1 : 365,
+                          testKey(std::stoi(part[3])),
+                          issuer.get(),
+                          100 + std::stol(part[1])};
+        if (part[4][0] == 'k') recipe.extensions.emplace_back(NID_key_usage, "keyCertSign");
+        content = made[content] = toPem(makeCertificate(recipe).get());
       }
+      if (content.compare(0, 4, "crl:") == 0) content = made[content] = list(content.substr(4));
       if (content.compare(0, 3, "ca:") == 0 || content.compare(0, 5, "cert:") == 0) {
         CertRecipe recipe;
         std::istringstream parts(content.substr(content.find(':') + 1));
@@ -160,6 +178,28 @@ class StoreTest : public ::testing::Test {
       writeFile(path(name) + (name.back() == '/' ? "f" : ""), content);
       written_[content] = name;
     }
+  }
+
+  // The text of a "crl:" entry (see put()).
+  static std::string list(const std::string& recipe) {
+    const std::vector<std::string> part = words(recipe + ":-: :", ':');
+    const X509Ptr issuer = makeCertificate({{{"CN", part[0]}}, {}, testKey(std::stoi(part[1]))});
+    CrlRecipe made;
+    made.issuer = X509_get_subject_name(issuer.get()), made.signer = testKey(std::stoi(part[1]));
+    for (const std::string& entry : words(part[2] == "-" ? "" : part[2], ',')) {
+      const std::size_t slash = entry.find('/');
+      made.revoked.emplace_back(std::stol(entry),
+                                slash == entry.npos ? -1 : std::stoi(entry.substr(slash + 1)));
+    }
+    const std::string& flags = part[3];
+    if (flags.find_first_of("0123456789") != flags.npos)
+      made.number = std::stol(flags.substr(flags.find_first_of("0123456789")));
+    if (flags.find('s') != flags.npos) made.thisUpdateDays = -9, made.nextUpdateDays = -1;
+    if (flags.find('f') != flags.npos) made.thisUpdateDays = 1;
+    if (flags.find('o') != flags.npos) made.thisUpdateDays = -2;
+    made.delta = flags.find('d') != flags.npos, made.indirect = flags.find('i') != flags.npos;
+    const X509CrlPtr crl = makeRevocationList(made);
+    return flags.find('b') != flags.npos ? toDer(crl.get()) : toPem(crl.get());
   }
 
   // The cache directories' entries, sorted and named as put() names them; a file holding what
@@ -221,6 +261,7 @@ class StoreTest : public ::testing::Test {
   // "cleanup SUBJECT EMAIL", "install ID EMAIL|junk|garbage|nomail OVERWRITE", "request EMAIL"
   // (CertReq), "verify KEYFILE|-", "put ENTRY", "cadir", "unlink FILE", "chmod FILE MODE",
   // "umask MODE", "fsize N", "mode FILE", "chain FILE" (CertificateChain over both locations),
+  // "revocation FILE all|leaf" (RevocationLists over both locations: each certificate's status),
   // "seed" (an error on OpenSSL's queue), "queue" (noted
   // whether errors are left on it, which it then clears). "-" is the empty string.
   void script(const std::string& text) {
@@ -278,6 +319,34 @@ class StoreTest : public ::testing::Test {
         const auto steps = CertificateChain(store).build(Certificate::createFromFile(path(a[1]), 1));
         for (const auto& step : steps) names += step->identity().name + " ";
         note("-> " + names + (CertificateChain::isComplete(steps) ? "complete" : "open"));
+      }
+      if (c == "revocation") {  // the statuses of the path above the certificate in FILE
+        CertificateStore store(root_, {root_, second_}), none(root_, {});
+        const CertificateChain chain(store);
+        const std::vector<std::shared_ptr<Certificate>> steps =
+            chain.build(Certificate::createFromFile(path(a[1]), 1));
+        const RevocationScope scope = a[2] == "leaf" ? RevocationScope::leaf : RevocationScope::all;
+        const std::string statuses = describe(RevocationLists(store, chain).check(steps, scope));
+        // Lists that no authority of the index verified go through OpenSSL's own check of a list
+        // each time: the same answers, without the signatures verified once. And one index
+        // answers any number of threads at once alike.
+        LogFacility::setUp(false);
+        const std::string own =
+            describe(RevocationLists(store, CertificateChain(none)).check(steps, scope));
+        const RevocationLists shared(store, chain);
+        std::vector<std::future<bool>> threads(4);
+        for (std::future<bool>& thread : threads)
+          thread = std::async(std::launch::async, [&] {
+            bool alike = true;
+            for (int round = 0; round < 20; ++round)
+              alike = alike && describe(shared.check(steps, scope)) == statuses;
+            return alike;
+          });
+        bool alike = true;
+        for (std::future<bool>& thread : threads) alike = thread.get() && alike;
+        LogFacility::setUp(true);
+        note("->" + statuses + (own == statuses ? "" : " but OpenSSL's own check:" + own) +
+             (alike ? "" : " but not in every thread"));
       }
       if (c == "cleanup") note(cache_->cleanupCsr(a[1], a[2]));
       if (c == "install") {
@@ -340,6 +409,21 @@ class StoreTest : public ::testing::Test {
     while (std::getline(parts, part, '/'))
       (part[0] == 'd' ? made.validityDays : made.kdfIterations) = std::stoi(part.substr(1));
     return made;
+  }
+
+  static std::string describe(const std::vector<RevocationStatus>& statuses) {
+    std::string text;
+    for (const RevocationStatus& status : statuses) {
+      char date[16] = "";
+      std::tm broken{};
+      std::strftime(date, sizeof date, " %Y-%m-%d", ::gmtime_r(&status.revokedAt, &broken));
+      text += status.state == RevocationStatus::State::good ? " good"
+              : status.state == RevocationStatus::State::unknown
+                  ? " unknown"
+                  : " revoked " + status.reason + date;
+      text += status.stale ? " (stale)" : "";
+    }
+    return text;
   }
 
   // A key file's protection as the openssl tool reads it and its mode; or a certificate's (FILE)

@@ -10,6 +10,7 @@
 #include <cctype>
 
 #include "base/opensslutil.h"
+#include "base/pemblocks.h"
 #include "toolerror.h"
 
 namespace tavik {
@@ -127,42 +128,28 @@ void addDer(const std::string& der, CertificateInput& input) {
   }
 }
 
-void readPemBlocks(const std::string& text, CertificateInput& input) {
-  BioPtr bio(BIO_new_mem_buf(text.data(), static_cast<int>(text.size())));
-  if (!bio) throw ToolError(kExitIoError, "out of memory");
-  for (;;) {
-    char* name = nullptr;
-    char* header = nullptr;
-    unsigned char* data = nullptr;
-    long length = 0;
-    const int read = PEM_read_bio(bio.get(), &name, &header, &data, &length);
-    const OpenSSLCharsPtr ownedName(name), ownedHeader(header);
-    const OpenSSLBytesPtr ownedData(data);
-    if (read == 0) break;
-    const std::string label = name;
-    const std::string der(reinterpret_cast<const char*>(data), static_cast<std::size_t>(length));
+void readPemInput(const std::string& text, CertificateInput& input) {
+  std::vector<PemBlock> blocks;
+  const bool ended = readPemBlocks(text, blocks);
+  for (const PemBlock& block : blocks) {
     // A key pasted into a bundle by mistake, or a certificate that does not
     // decode, refuses the whole input: nothing in it is silently dropped.
-    const std::string what = describePemLabel(label);
-    if (label == "CERTIFICATE" || label == "X509 CERTIFICATE") {
-      std::shared_ptr<Certificate> certificate = Certificate::createFromBase64(encodeBase64(der));
+    const std::string what = describePemLabel(block.label);
+    if (block.label == "CERTIFICATE" || block.label == "X509 CERTIFICATE") {
+      std::shared_ptr<Certificate> certificate =
+          Certificate::createFromBase64(encodeBase64(block.der));
       if (!certificate) notACertificate("it holds a CERTIFICATE block that does not decode");
       input.certificates.push_back(std::move(certificate));
-    } else if (label == "PKCS7") {
-      if (!addPkcs7(der, input)) notACertificate("it holds a PKCS7 block that does not decode");
+    } else if (block.label == "PKCS7") {
+      if (!addPkcs7(block.der, input))
+        notACertificate("it holds a PKCS7 block that does not decode");
     } else if (what == "a private key") {
       notACertificate("it holds a private key, which install never takes");
     } else {
       input.others.push_back(what);
     }
   }
-  // The end of the text reads as "no start line"; anything else is a block
-  // that began and did not end well.
-  const unsigned long error = ERR_peek_last_error();
-  ERR_clear_error();
-  if (ERR_GET_LIB(error) != ERR_LIB_PEM || ERR_GET_REASON(error) != PEM_R_NO_START_LINE) {
-    notACertificate("it holds a PEM block that is broken or cut short");
-  }
+  if (!ended) notACertificate("it holds a PEM block that is broken or cut short");
 }
 
 }  // namespace
@@ -172,7 +159,7 @@ CertificateInput readCertificateInput(const std::string& bytes) {
   if (bytes.find_first_not_of(" \t\r\n") == std::string::npos) notACertificate("it is empty");
   std::string der;
   if (bytes.find(kPemStart) != std::string::npos) {
-    readPemBlocks(bytes, input);
+    readPemInput(bytes, input);
   } else if (decodeBase64(bytes, der)) {
     addDer(der, input);
   } else {

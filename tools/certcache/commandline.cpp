@@ -114,8 +114,10 @@ void addGlobalOptions(CLI::App& app, Invocation& invocation) {
       ->check(oneOf({"off", "error", "warning", "info", "debug", "trace"}));
   app.add_flag("-v,--verbose", invocation.verbosity,
                "One log level more per use: -v warning, -vv info, -vvv debug");
-  app.add_flag("--json", invocation.json,
-               "Machine-readable output for list, show, files, expiring, check, verify and watch");
+  app.add_flag(
+      "--json", invocation.json,
+      "Machine-readable output for list, show, files, expiring, check, verify, watch and crl "
+      "list");
 }
 
 void addEmailOptions(CLI::App& command, Invocation& invocation, const char* verb) {
@@ -348,6 +350,26 @@ void addCommands(CLI::App& app, Invocation& invocation) {
       ->type_name("SECONDS")
       ->check(CLI::Range(1L, 100000000L).description(""));
   describeCommand(*watch, "--kind ca --no-keys watch --initial --json");
+
+  CLI::App* crl = app.add_subcommand(
+      "crl",
+      "The authorities' revocation lists in the store: crl add FILE... keeps lists (PEM or DER) "
+      "that an authority of the store issued, each over an older one of its issuer; crl list "
+      "tells those kept: ISSUER<TAB>THIS_UPDATE<TAB>NEXT_UPDATE<TAB>ENTRIES");
+  crl->require_subcommand(1);
+  crl->fallthrough();
+  CLI::App* crlAdd = crl->add_subcommand(
+      "add",
+      "Keep the revocation lists in FILE... in one change, or none of them: a file that is no "
+      "list, a list that no authority of the store issued or whose signature does not verify, "
+      "and one older than the list kept for its issuer exit 65; the same list again is no change");
+  crlAdd->add_option("FILE", invocation.inputFiles, "A revocation list file, e.g. ca.crl")
+      ->required();
+  crlAdd->fallthrough();
+  describeCommand(*crlAdd, "--store /tmp/store crl add ca.crl intermediate.crl");
+  CLI::App* crlList = crl->add_subcommand("list", "The revocation lists kept, one a line");
+  crlList->fallthrough();
+  describeCommand(*crlList, "--store /tmp/store --json crl list");
 }
 
 // CLI11's messages are one line already; this keeps it so whatever they hold.
@@ -409,7 +431,11 @@ int parseCommandLine(int argc, char** argv, Invocation& invocation) {
     std::cerr << "certcache: " << hidePasswords(message, argc, argv) << " (see certcache --help)\n";
     return kExitUsage;
   }
-  invocation.command = app.get_subcommands().front()->get_name();
+  const CLI::App* chosen = app.get_subcommands().front();
+  invocation.command = chosen->get_name();
+  if (!chosen->get_subcommands().empty()) {  // crl add, crl list
+    invocation.command += " " + chosen->get_subcommands().front()->get_name();
+  }
   // The legacy certificate's validity is fixed, so a --days beside it would be
   // silently ignored.
   if (invocation.legacyKey && invocation.command == "self-signed" &&

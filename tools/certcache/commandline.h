@@ -4,6 +4,7 @@
 #define TAVIK_TOOLS_CERTCACHE_COMMANDLINE_H_
 
 #include <string>
+#include <vector>
 
 #include "crypto/credentialprofile.h"
 #include "storesession.h"
@@ -33,6 +34,7 @@ struct Invocation {
   std::string subject;
   std::string outFile;     // request --out, renew --out, export --out
   std::string inputFile;   // install FILE (empty: standard input), import FILE
+  std::vector<std::string> inputFiles;  // crl add FILE...
   std::string caFile;      // verify --ca; empty: the store's own authorities
   std::string keyOutFile;  // export --pem --key-out
   bool chain = false;      // show --chain

@@ -8,6 +8,7 @@
 #include "base/filename.h"
 #include "cachecalls.h"
 #include "certificatedescription.h"
+#include "crlcommands.h"
 #include "crypto/certificatechain.h"
 #include "inspectcommands.h"
 #include "installcommand.h"
@@ -237,6 +238,8 @@ int runCommand(const Invocation& invocation, std::ostream& out) {
   if (command == "export") return exportCommand(invocation, out);
   if (command == "import") return importCommand(invocation, out);
   if (command == "watch") return watchCommand(invocation, out);
+  if (command == "crl add") return crlAddCommand(invocation, out);
+  if (command == "crl list") return crlListCommand(invocation, out);
   throw ToolError(kExitUsage, "unknown command '" + command + "'");
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "base/filecontents.h"
+#include "base/pemblocks.h"
 #include "crypto/certificatefilecache.h"
 #include "resultwords.h"
 #include "toolerror.h"
@@ -135,25 +136,19 @@ bool isKeyOf(X509* certificate, const EVP_PKEY* key) {
 std::string keyFileWeakness(const std::string& path) {
   std::string contents;
   if (!readSmallRegularFile(path, kMaxCredentialFileSize, contents)) return "";
-  BioPtr bio(BIO_new_mem_buf(contents.data(), static_cast<int>(contents.size())));
-  char* name = nullptr;
-  char* header = nullptr;
-  unsigned char* der = nullptr;
-  long length = 0;
-  const int read = bio ? PEM_read_bio(bio.get(), &name, &header, &der, &length) : 0;
-  const OpenSSLCharsPtr nameOwner(name), headerOwner(header);
-  const OpenSSLBytesPtr derOwner(der);
-  ERR_clear_error();
-  if (read != 1) return "";
+  std::vector<PemBlock> blocks;
+  readPemBlocks(contents, blocks);
+  if (blocks.empty()) return "";
 
-  const std::string kind = name;
+  const std::string& kind = blocks.front().label;
   const std::string privateKey = "PRIVATE KEY";
   std::vector<std::string> weaknesses;
   if (kind == PEM_STRING_PKCS8) {
-    weaknesses = pkcs8Weaknesses(der, length);
+    weaknesses = pkcs8Weaknesses(reinterpret_cast<const unsigned char*>(blocks.front().der.data()),
+                                 static_cast<long>(blocks.front().der.size()));
   } else if (kind.size() >= privateKey.size() &&
              kind.compare(kind.size() - privateKey.size(), privateKey.size(), privateKey) == 0) {
-    weaknesses = traditionalWeaknesses(header);
+    weaknesses = traditionalWeaknesses(blocks.front().header.data());
   }
   ERR_clear_error();
   std::string words;
