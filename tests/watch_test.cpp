@@ -63,6 +63,10 @@ const Change kChanges[] = {
      "sh ln -s self.crt '%D/self.crt'; sh sleep 0.3; unchanged; unlink self.crt; put b.crt", "+b",
      "src/crypto/certstorewatcher.cpperror: Rescanning the store failed, keeping the last "
      "index: boost::filesystem::status: Too many levels of symbolic links*"},
+    {"AnIdOfTwoFilesOutlivesEither", "keys", "", "put a_at_x.crt; put b.crt=email:a@x; put "
+     "a_at_x.key; put b.key; sh sleep 0.2; sh rm '%D/a_at_x.crt'", "+a@x"},
+    {"AnIdGainsASecondFile", "keys", "a_at_x.crt a_at_x.key", "sh cd '%D' && cp a_at_x.key b.key "
+     "&& cp a_at_x.crt b.crt; sh sleep 0.2; sh rm '%D/a_at_x.crt'", "~a@x"},
     // The queue holds 16,384 events: a burst of 24,000 while the watcher waits loses the removal.
     {"QueueOverflowRescans", "plain", "a.crt", "hold; put b.crt; held; sh cd '%D' && seq 8000 | "
      "xargs touch && rm a.crt; release", "+b -a"},

@@ -14,12 +14,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/filesystem/exception.hpp>
 #include <boost/filesystem/operations.hpp>
 #include <boost/system/error_code.hpp>
 #include <cerrno>
 #include <ctime>
-#include <algorithm>
 #include <map>
 #include <optional>
 #include <set>
@@ -151,9 +151,10 @@ class CertStoreWatcher::Follower {
   bool examineHeld(std::size_t location, const std::string& fileName,
                    const std::vector<std::string>& places, std::string& id);
   // For each identifier, the file that gives it in a fresh scan: the last
-  // location's, and within it the listing's last.
+  // location's, and within it the listing's last. `onlyTouched`: the files
+  // just read are all that can give them.
   std::map<std::string, std::pair<std::size_t, std::string>> winners(
-      const std::set<std::string>& ids, bool onlyTouched, const Batch& batch) const;
+      const std::set<std::string>& ids, bool onlyTouched, const Batch& batch);
   std::shared_ptr<const CertFileCache> snapshot();
 
   CertificateStore& store_;
@@ -172,6 +173,10 @@ class CertStoreWatcher::Follower {
   Held held_;
   std::shared_ptr<const CertFileCache::Redirects> redirects_;  // held_ for lookups
   bool failed_ = false;  // the last scan threw: scan everything on the next change
+  // Identifiers that more than one file may give. Any other is given by one
+  // file at most, so a change of files that gave or give it decides it alone,
+  // without a look at every file of the store.
+  std::set<std::string> shared_;
   // Entered files found unreadable just after a write: kept as they were, and
   // read again shortly, for a writer may still be at work on them.
   std::vector<Touched> unsettled_;
@@ -442,7 +447,9 @@ void CertStoreWatcher::Follower::apply(const Batch& batch, StoreChanges& changes
   std::map<std::size_t, FileDescriptor> directories;
   for (const Touched& touched : batch.touched) {
     Location& location = locations_[touched.location];
-    if (const auto known = location.files.find(touched.fileName)) ids.emplace(*known);
+    const auto known = location.files.find(touched.fileName);
+    const std::string was = known ? std::string(*known) : std::string();
+    if (known) ids.insert(was);
     auto open = directories.find(touched.location);
     if (open == directories.end()) {
       open = directories
@@ -451,12 +458,15 @@ void CertStoreWatcher::Follower::apply(const Batch& batch, StoreChanges& changes
                  .first;
     }
     examine(touched, open->second.get());
-    if (const auto now = location.files.find(touched.fileName)) ids.emplace(*now);
+    const auto now = location.files.find(touched.fileName);
+    if (!now) continue;
+    ids.emplace(*now);
+    // A file that begins to give an identifier another file gives already.
+    if (*now != was && before.index_.find(std::string(*now)) != nullptr) shared_.emplace(*now);
   }
 
-  // An identifier new to the index can only come from the files just read.
   bool onlyTouched = batch.relist.empty();
-  for (const std::string& id : ids) onlyTouched = onlyTouched && before.index_.find(id) == nullptr;
+  for (const std::string& id : ids) onlyTouched = onlyTouched && shared_.count(id) == 0;
   const auto winner = winners(ids, onlyTouched, batch);
 
   for (const std::string& id : ids) {
@@ -483,7 +493,7 @@ void CertStoreWatcher::Follower::apply(const Batch& batch, StoreChanges& changes
 }
 
 std::map<std::string, std::pair<std::size_t, std::string>> CertStoreWatcher::Follower::winners(
-    const std::set<std::string>& ids, bool onlyTouched, const Batch& batch) const {
+    const std::set<std::string>& ids, bool onlyTouched, const Batch& batch) {
   // Candidates by identifier, by location.
   std::map<std::string, std::map<std::size_t, std::set<std::string>>> found;
   const auto consider = [&](std::size_t i, const std::string& fileName, const std::string& id) {
@@ -503,6 +513,10 @@ std::map<std::string, std::pair<std::size_t, std::string>> CertStoreWatcher::Fol
   }
   std::map<std::string, std::pair<std::size_t, std::string>> chosen;
   for (const auto& [id, byLocation] : found) {
+    std::size_t files = 0;
+    for (const auto& entry : byLocation) files += entry.second.size();
+    if (files > 1) shared_.insert(id);
+    if (files == 1 && !onlyTouched) shared_.erase(id);
     const auto& [i, names] = *byLocation.rbegin();
     std::string last = *names.rbegin();
     if (names.size() > 1) {
@@ -520,6 +534,7 @@ std::map<std::string, std::pair<std::size_t, std::string>> CertStoreWatcher::Fol
 }
 
 CertificateIndex CertStoreWatcher::Follower::scanEverything() {
+  shared_.clear();
   CertificateIndex index;
   for (std::size_t i = 0; i < locations_.size(); ++i) scan(i, &index);
   return index;
@@ -540,7 +555,7 @@ void CertStoreWatcher::Follower::scan(std::size_t i, CertificateIndex* index) {
       continue;
     }
     location.files.set(name, id);
-    if (index != nullptr) index->set(id, stem(name));
+    if (index != nullptr && !index->set(id, stem(name))) shared_.insert(id);
   }
   listing.throwIfIncomplete();
   // What the record holds in this directory, where it lies now.
@@ -550,7 +565,7 @@ void CertStoreWatcher::Follower::scan(std::size_t i, CertificateIndex* index) {
       continue;
     }
     location.files.set(file.second, id);
-    if (index != nullptr) index->set(id, stem(file.second));
+    if (index != nullptr && !index->set(id, stem(file.second))) shared_.insert(id);
   }
 }
 
@@ -569,8 +584,7 @@ bool CertStoreWatcher::Follower::examineHeld(std::size_t i, const std::string& f
   if (place == places.end()) return false;
   const boost::filesystem::path path(*place);
   const std::string directory = path.parent_path().string();
-  const FileDescriptor directoryFd(
-      ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const FileDescriptor directoryFd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!directoryFd.isOpen()) return false;
   // The key beside the certificate is the one the record leaves beside it.
   const std::string keyName = stem(fileName) + kKeyExtension;
@@ -603,8 +617,9 @@ void CertStoreWatcher::Follower::examine(const Touched& touched, int directoryFd
     return;
   }
   if (!S_ISREG(info.st_mode)) return;
-  const CertFileCache::Entry entry = reader_->examineFile(
-      location.directory, directoryFd, fileName, nullptr, buffer_, id, heldKey(touched.location, fileName));
+  const CertFileCache::Entry entry =
+      reader_->examineFile(location.directory, directoryFd, fileName, nullptr, buffer_, id,
+                           heldKey(touched.location, fileName));
   if (entry == CertFileCache::Entry::kEntered) location.files.set(fileName, id);
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
@@ -660,7 +675,8 @@ void CertStoreWatcher::setListener(std::function<void(const StoreChanges&)> list
 void CertStoreWatcher::publish(std::shared_ptr<const CertFileCache> index,
                                const StoreChanges& changes) {
   std::function<void(const StoreChanges&)> listener;
-  const bool changed = !changes.added.empty() || !changes.removed.empty() || !changes.changed.empty();
+  const bool changed =
+      !changes.added.empty() || !changes.removed.empty() || !changes.changed.empty();
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     current_ = std::move(index);
