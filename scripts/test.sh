@@ -15,8 +15,7 @@ if [ "${1:-}" = "--sanitize" ]; then
   export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
 elif [ "${1:-}" = "--tsan" ]; then
   build_dir=build-tsan
-  cmake_flags+=(-DCMAKE_CXX_FLAGS=-fsanitize=thread -DCMAKE_EXE_LINKER_FLAGS=-fsanitize=thread
-                -DCMAKE_SHARED_LINKER_FLAGS=-fsanitize=thread)
+  cmake_flags+=(-DTAVIK_CERTCACHE_TSAN=ON)
   export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
 fi
 

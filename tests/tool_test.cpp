@@ -442,7 +442,8 @@ TEST_F(ToolTest, AKillAtAnyFileChangeLeavesTheOldOrTheNewCredentialWhole) {
     if (!found || X509_digest(found->getX509(), EVP_sha256(), digest, &length) != 1)
       return "code " + std::to_string(code);
     std::ostringstream hex;
-    for (unsigned i = 0; i < length; ++i) hex << std::hex << std::setw(2) << std::setfill('0') << +digest[i];
+    for (unsigned i = 0; i < length; ++i)
+      hex << std::hex << std::setw(2) << std::setfill('0') << +digest[i];
     return hex.str();
   };
   for (const Crash& crash : crashes) {

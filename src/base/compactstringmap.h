@@ -51,7 +51,7 @@ class CompactStringMap {
   // Writes the live entries into new arrays with room for `entries`.
   void rebuild(std::size_t entries);
 
-  std::string bytes_;                 // per entry: key length, value length (4 bytes each), key, value
+  std::string bytes_;  // per entry: key length, value length (4 bytes each), key, value
   std::vector<std::uint32_t> slots_;  // kEmpty, kErased or an entry
   std::size_t size_ = 0;
   std::size_t erased_ = 0;  // slots marked kErased

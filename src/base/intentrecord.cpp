@@ -36,8 +36,9 @@ IntentRead readIntentRecord(const std::string& root, std::vector<IntentStep>& st
   const std::string path = root + "/" + kIntentRecordName;
   std::ifstream in(path);
   struct stat info {};
-  if (!in) return ::lstat(path.c_str(), &info) != 0 && errno == ENOENT ? IntentRead::kAbsent
-                                                                       : IntentRead::kDamaged;
+  if (!in)
+    return ::lstat(path.c_str(), &info) != 0 && errno == ENOENT ? IntentRead::kAbsent
+                                                                : IntentRead::kDamaged;
   std::string line;
   if (!std::getline(in, line) || line != kHeader) return IntentRead::kDamaged;
   while (std::getline(in, line)) {

@@ -70,8 +70,8 @@ CertFileCache::CertFileCache(CertificateStore& store, boost::shared_ptr<Certific
 }
 
 CertFileCache::CertFileCache(CertificateStore& store, boost::shared_ptr<CertificateFilter> filter,
-                             bool withPrivateKeys,
-                             CertificateIndex index, std::shared_ptr<const Redirects> redirects)
+                             bool withPrivateKeys, CertificateIndex index,
+                             std::shared_ptr<const Redirects> redirects)
     : store_(store),
       filter_(std::move(filter)),
       withPrivateKeys_(withPrivateKeys),
@@ -206,9 +206,9 @@ CertFileCache::Entry CertFileCache::examineFile(const std::string& dir, int dirF
   // Without a listing, the file system says whether the key is there, links followed.
   struct stat info {};
   const std::string keyName = baseName + kKeyExtension;
-  if (keyPresent.has_value()          ? !*keyPresent
-      : listing != nullptr ? !listing->exists(keyName)
-                           : ::fstatat(dirFd, keyName.c_str(), &info, 0) != 0) {
+  if (keyPresent.has_value() ? !*keyPresent
+      : listing != nullptr   ? !listing->exists(keyName)
+                             : ::fstatat(dirFd, keyName.c_str(), &info, 0) != 0) {
     TAVIK_LOG_DEBUG(logHandle) << "Certificate without private key. File missing: "
                                << credentialFile(dir, baseName, kKeyExtension);
     return Entry::kWithoutKey;

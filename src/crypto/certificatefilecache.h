@@ -14,6 +14,21 @@
 // Files that other programs (or this cache's creating members) add, rename or
 // remove later are not in the index: a new cache over the store sees them.
 //
+// A change by the certcache tool that dies half way. The tool changes a store
+// by one commit: new files made whole beside, an intent record
+// (ROOT/.certcache-intent, base/intentrecord.h), then renames. A run killed
+// between two of its renames leaves the record and a half-renamed pair: say
+// the new key in place beside the old certificate, the new certificate still
+// in the run's staging place. A cache scans the files as they stand and knows
+// nothing of the record, so until the commit is completed a lookup of that
+// pair fails with kKeyUnreadable (a certificate beside a key not its own) or
+// kNoLocationHasIt (a pair renamed half way to another base name), and an
+// identifier whose commit adds or removes it may be listed or not. Any
+// certcache command that takes the store's lock (list and show included)
+// completes the record first, and a cache built after that sees the new
+// credential whole. A CertStoreWatcher honours the record and never shows the
+// half-renamed pair (certstorewatcher.h).
+//
 // Failures. Operations report through their results (the codes below, empty
 // pointers, false) and through log statements (log/log.h), and catch no
 // exception. What can pass out of them:

@@ -70,8 +70,9 @@ class StoreCommit {
   void remove(const std::string& path);
 
   // Flushes what is staged, writes the record, makes its steps, and clears up;
-  // the caller holds the exclusive lock and has recovered. Throws ToolError 74 when the record cannot be written (nothing changed
-  // then) or a step cannot be made (the record stays for the next run).
+  // the caller holds the exclusive lock and has recovered. Throws ToolError 74 when the record
+  // cannot be written (nothing changed then) or a step cannot be made (the record stays for the
+  // next run).
   void commit();
 
  private:
