@@ -697,7 +697,9 @@ std::shared_ptr<Certificate> CertStoreWatcher::getCertificate(const std::string&
                                                               const std::string& password,
                                                               int& errorCode) const {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kSettleSeconds);
-  const std::chrono::milliseconds longestPause(50);
+  // Short pauses: a writer that rewrites the pair again and again leaves it whole
+  // for moments only, and each look is a chance to meet one.
+  const std::chrono::milliseconds longestPause(5);
   for (std::chrono::milliseconds pause(1);; pause = std::min(2 * pause, longestPause)) {
     const std::shared_ptr<const CertFileCache> index = current();
     std::shared_ptr<Certificate> found = index->getCertificate(id, password, errorCode, true);
