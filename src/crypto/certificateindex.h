@@ -7,9 +7,10 @@
 //
 // This is what lets a store watcher publish a new immutable index for every
 // change of a store of 100,000 certificates: the new one shares all but the
-// shard of the identifier that changed with the last one. A plain cache never
-// shares its index, changes its shards in place, and so loads as fast as one
-// table would.
+// shard of the identifier that changed with the last one. Until an index is
+// first shared it is one table, which a plain cache (whose index is never
+// shared) fills as fast as ever; sharing it the first time moves its entries
+// into the shards, without copying them.
 //
 // Not thread-safe for changes: one thread changes an index; any number may
 // read one that nobody changes. Shards are only ever changed by the index that
@@ -40,7 +41,7 @@ class CertificateIndex {
   // A second index over the same shards. Both copy a shard before they change it.
   CertificateIndex share();
 
-  std::size_t size() const { return size_; }
+  std::size_t size() const;
   // The base name of `id`; null when `id` is absent.
   const std::string* find(const std::string& id) const;
   // Enters `id` with `baseName` unless it is there; then its base name is
@@ -49,11 +50,12 @@ class CertificateIndex {
   bool set(const std::string& id, const std::string& baseName, std::string* replaced = nullptr);
   // Takes `id` out; false when it was not there.
   bool erase(const std::string& id);
-  // Room for `count` more entries, spread over the shards.
+  // Room for `count` more entries in the one table; nothing once it is shared.
   void reserve(std::size_t count);
   // Every entry, in no particular order.
   template <typename Visit>
   void forEach(Visit visit) const {
+    for (const auto& entry : whole_) visit(entry.first, entry.second);
     for (const auto& shard : shards_) {
       if (!shard) continue;
       for (const auto& entry : *shard) visit(entry.first, entry.second);
@@ -65,12 +67,16 @@ class CertificateIndex {
   using Shard = std::unordered_map<std::string, std::string>;
 
   static std::size_t shardOf(const std::string& id);
-  // Shard `i` as this index may change it: made, or copied when it is shared.
-  Shard& writable(std::size_t i);
+  // The table that holds or takes `id`, as this index may change it: the one
+  // table, or its shard, made or copied when it is shared.
+  Shard& writable(const std::string& id);
+  // Moves the entries of the one table into the shards.
+  void split();
 
+  Shard whole_;  // every entry until the index is first shared; empty after
+  bool split_ = false;
   std::array<std::shared_ptr<Shard>, kShards> shards_;  // null: empty
   std::bitset<kShards> owned_;                          // shards no other index holds
-  std::size_t size_ = 0;
 };
 
 }  // namespace tavik
