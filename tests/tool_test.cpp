@@ -199,6 +199,12 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "al@x", 75, "store is busy"},
     {"!exec 9>root/.certcache.lock && flock 9 && CERTCACHE_LOCK_WAIT=0 c --store root list", 75,
      "store is busy"},
+    // A dead run's staging place goes, its files never taken for a change; a living run's stays.
+    {"!mkdir -p root/.certcache-staging-dead/user root/.certcache-staging-live && touch "
+     "root/.certcache-staging-dead/user/zz.key && { flock root/.certcache-staging-live sleep 1 & } "
+     "&& sleep 0.3 && c --store root list >/dev/null && ls -A root | grep staging; wait; c --store "
+     "root list >/dev/null; ls -A root root/user | grep -e staging -e zz | wc -l", 0,
+     ".certcache-staging-live\n0\n"},
     // A reader of a store it may not write goes on without the lock it cannot make.
     {"!mkdir -p ro/user && cp root/user/*.crt ro/user && cp $B ro/c && chmod -R a=rX ro && chmod "
      "755 . && u=$([ $(id -u) = 0 ] && echo setpriv --reuid=65534 --regid=65534 --clear-groups); $u"
