@@ -81,6 +81,13 @@ const Change kChanges[] = {
      "certcache-staging-k%%2Fuser%%2Fa_at_x.crt user%%2Fa_at_x.crt\\nend\\n' >'%R/.certcache-"
      "intent' && mv \"$S/a_at_x.key\" '%D'; read a@x 0; sh mv '%R/.certcache-staging-k/user/"
      "a_at_x.crt' '%D' && rm '%R/.certcache-intent'; read a@x 0", "~a@x"},
+    {"KilledRenameReadsThePairWhereItGoes", "keys", "a_at_x.crt a_at_x.key",
+     "sh printf 'certcache-intent 1\\nrename user%%2Fa_at_x.crt user%%2Fb.crt\\nrename user%%2F"
+     "a_at_x.key user%%2Fb.key\\nend\\n' >'%R/.certcache-intent' && mv '%D/a_at_x.crt' '%D/b.crt';"
+     " read a@x 0; sh mv '%D/a_at_x.key' '%D/b.key' && rm '%R/.certcache-intent'", "~a@x"},
+    {"DamagedRecordLeavesTheFilesAsTheyStand", "plain", "a.crt", "sh echo junk >'%R/.certcache-"
+     "intent'; put b.crt; sh rm '%R/.certcache-intent'", "+b", "src/crypto/certstorewatcher."
+     "cpperror: The intent record in %R is damaged: its files are read as they are"},
     {"KilledRemovalHidesThePair", "keys", "a_at_x.crt a_at_x.key b_at_x.crt b_at_x.key",
      "sh printf 'certcache-intent 1\\nremove user%%2Fa_at_x.crt\\nremove user%%2Fa_at_x.key"
      "\\nend\\n' >'%R/.certcache-intent' && rm '%D/a_at_x.crt'; read a@x 1000100; read b@x 0; "
