@@ -106,7 +106,9 @@ int lockStaging(const std::string& staging, bool wait) {
   if (fd < 0) return -1;
   while (::flock(fd, LOCK_EX | (wait ? 0 : LOCK_NB)) != 0) {
     if (errno == EINTR) continue;
+    const int error = errno;
     ::close(fd);
+    errno = error;
     return -1;
   }
   return fd;
@@ -168,6 +170,7 @@ StoreCommit::StoreCommit(const std::string& root, const std::string& subdirector
     if (::mkdtemp(&pattern[0]) == nullptr) fail("cannot make", pattern, errno);
     staging_ = pattern;
     stagingLock_.reset(lockStaging(staging_, true));
+    if (!stagingLock_.isOpen() && errno != ENOENT) fail("cannot lock", staging_, errno);
     struct stat locked {};
     struct stat named {};
     if (stagingLock_.isOpen() && ::fstat(stagingLock_.get(), &locked) == 0 &&
