@@ -114,6 +114,7 @@ int renewCommand(const Invocation& invocation, std::ostream& out) {
     throw ToolError(kExitDataError, "the files of '" + invocation.id + "' are named " + baseName +
                                         ", a name that no request makes; rename them first");
   }
+  session.release();
   // The identity may have been renamed or removed while the key was made.
   const auto recheck = [&session, &invocation, &baseName] {
     std::string now;

@@ -89,6 +89,11 @@ StoreSession::StoreSession(const StoreOptions& options, StoreAccess access)
 
 void StoreSession::change() { lockAndScan(StoreAccess::kChange); }
 
+void StoreSession::release() {
+  cache_.reset();
+  lock_.reset();
+}
+
 void StoreSession::lockAndScan(StoreAccess access) {
   const std::string& root = store_->getRoot();
   const bool reading = access == StoreAccess::kRead || access == StoreAccess::kInspect;

@@ -55,6 +55,9 @@ class StoreSession {
   // that prepared a change without the lock. Whatever the command read before
   // may have changed since; it checks again what it relies on.
   void change();
+  // Gives up the lock and the cache: a command that has read what it needs
+  // makes its keys without keeping other runs waiting, then calls change().
+  void release();
 
   CertFileCache& cache() { return *cache_; }
   CertificateStore& store() { return *store_; }
