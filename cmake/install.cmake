@@ -13,8 +13,8 @@ install(TARGETS tavik_certcache EXPORT tavik_certcacheTargets
 # The public headers, and the ones they include; the rest of src/ is the
 # library's own business.
 foreach(header
-    crypto/certificatefilecache.h crypto/certreq.h crypto/credentialprofile.h
-    crypto/certstorewatcher.h crypto/certificatechain.h
+    crypto/certificatefilecache.h crypto/certificateindex.h crypto/certreq.h
+    crypto/credentialprofile.h crypto/certstorewatcher.h crypto/certificatechain.h
     crypto/revocationlist.h crypto/revocationlists.h
     base/certificate.h base/certificateidentity.h base/certificatefilter.h
     base/certificatestore.h base/configurationinit.h base/environment.h

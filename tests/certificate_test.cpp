@@ -7,6 +7,7 @@
 
 #include "base/derreader.h"
 #include "base/filename.h"
+#include "base/intentrecord.h"
 #include "base/pem.h"
 #include "support/storetest.h"
 
@@ -252,6 +253,35 @@ TEST(TextTest, Base64AndFileNamesDecodeExactlyWhatIsAllowed) {
   }
   EXPECT_EQ(decodeFilename("a%2%G0x%2e%41%ff%4%7a%Aa"), "a%2%G0x.A\xFF%4z\xAA");
   EXPECT_EQ(to_lowercase("AZ.CrT\xC3\x89"), "az.crt\xC3\x89");
+  // The intent record: what is written is read back, paths inside the root relative to it; a
+  // record cut short, with a step it does not know, or of another version is damaged.
+  namespace fs = test::fs;
+  const std::string root = fs::temp_directory_path().string() + "/tavik-intent";
+  fs::create_directories(root);
+  const std::vector<IntentStep> steps = {
+      {true, root + "/.s-1/user/a b.key", root + "/user/a b.key"}, {false, "/elsewhere/x", ""}};
+  const std::string text = intentRecordText(root, steps);
+  EXPECT_EQ(text,
+            "certcache-intent 1\nrename %2Es-1%2Fuser%2Fa%20b.key user%2Fa%20b.key\n"
+            "remove %2Felsewhere%2Fx\nend\n");
+  for (const std::string& written :
+       {text, text.substr(0, text.size() - 4), "x\n" + text,
+        std::string("certcache-intent 2\nend\n"),
+        text.substr(0, 19) + "copy a b\n" + text.substr(19), std::string("none")}) {
+    std::ofstream(root + "/" + kIntentRecordName) << written;
+    if (written == "none") fs::remove(root + "/" + kIntentRecordName);
+    std::vector<IntentStep> read = {{}};
+    const IntentRead result = readIntentRecord(root, read);
+    EXPECT_EQ(result, written == text     ? IntentRead::kRead
+                      : written == "none" ? IntentRead::kAbsent
+                                          : IntentRead::kDamaged)
+        << written;
+    EXPECT_EQ(read.size(), written == text ? 2u : 0u);
+    for (std::size_t i = 0; i < read.size() && i < steps.size(); ++i)
+      EXPECT_EQ(std::to_string(read[i].rename) + read[i].from + read[i].to,
+                std::to_string(steps[i].rename) + steps[i].from + steps[i].to);
+  }
+  fs::remove_all(root);
 }
 
 }  // namespace

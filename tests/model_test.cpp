@@ -4,6 +4,8 @@
 #include <optional>
 #include <random>
 
+#include "base/compactstringmap.h"
+#include "crypto/certificateindex.h"
 #include "support/storetest.h"
 
 namespace tavik {
@@ -124,6 +126,46 @@ TEST_F(ModelTest, RandomOperationsKeepFilesAndIndexAsModelled) {
   // The seeds reach the outcomes that matter, not only refusals.
   EXPECT_GT(std::min({outcomes_["l0"], outcomes_["l1000103"], outcomes_["i0"], outcomes_["r0"]}),
             0);
+}
+
+// The watcher's two tables against a plain map over random steps: the file table
+// (CompactStringMap) and the index (CertificateIndex), shared now and then, whose shared copies
+// keep what they held whatever the index does afterwards.
+TEST(TableModelTest, CompactMapAndSharedIndexHoldWhatAMapHolds) {
+  using Map = std::map<std::string, std::string>;
+  std::mt19937 random(7);
+  CompactStringMap compact;
+  CertificateIndex index;
+  Map model;
+  std::vector<std::pair<CertificateIndex, Map>> copies;
+  const auto contents = [](const auto& table) {
+    Map held;
+    table.forEach([&held](auto key, auto value) { held.emplace(key, value); });
+    return held;
+  };
+  for (int n = 0; n < 30000; ++n) {
+    const std::string key = "k" + std::to_string(random() % 2000);
+    const std::string value(random() % 40, static_cast<char>('a' + random() % 26));
+    const unsigned op = random() % 20;
+    if (op < 11) compact.set(key, value), index.set(key, value), model[key] = value;
+    const bool held = model.count(key) != 0;
+    if (op >= 11 && op < 19) {
+      EXPECT_EQ(compact.erase(key), held);
+      EXPECT_EQ(index.erase(key), held);
+      model.erase(key);
+    }
+    if (op == 19 && n % 7 == 0) copies.emplace_back(index.share(), model);
+    const auto found = compact.find(key);
+    const std::string now = model.count(key) != 0 ? model[key] : "-";
+    EXPECT_EQ(found ? std::string(*found) : "-", now);
+    EXPECT_EQ(index.find(key) ? *index.find(key) : "-", now);
+  }
+  EXPECT_EQ(contents(compact), model);
+  EXPECT_EQ(contents(index), model);
+  EXPECT_EQ(compact.size(), model.size());
+  EXPECT_EQ(index.size(), model.size());
+  EXPECT_GT(copies.size(), 10u);
+  for (const auto& [copy, then] : copies) EXPECT_EQ(contents(copy), then);
 }
 
 }  // namespace

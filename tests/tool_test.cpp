@@ -1,6 +1,7 @@
 // The certcache tool run as an operator runs it: one walk along certificates' roads, with the
 // openssl tool as the authority and as an outside reader, every source of passwords, and bad
 // input that must each end in its exit status, one line of the tool's own and no change.
+#include "crypto/certstorewatcher.h"
 #include "support/storetest.h"
 
 namespace tavik {
@@ -114,17 +115,18 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "exit 1; done; certutil -L -d sql:nss -n n@x -a | grep -c BEGIN", 0, "pk12util: PKCS12 IMPORT "
      "SUCCESSFUL\npk12util: PKCS12 IMPORT SUCCESSFUL\n2\n"},
     // A change reaches the disk in its order: the new files, then the record, then the renames.
-    // (LeakSanitizer cannot work under ptrace.)
+    // (LeakSanitizer cannot work under ptrace; ThreadSanitizer unlinks a file of its own.)
     {"!t=$(mktemp -d) && cd $t && $B --store s " + kPass + " self-signed --key ec:P-256 --email "
      "s@x >/dev/null && ASAN_OPTIONS=$ASAN_OPTIONS:detect_leaks=0 strace -y -e "
      "trace=fsync,rename,unlink -o trace $B --store s " + kPass +
-     " self-signed --key ec:P-256 --email s@x --overwrite >/dev/null; sed -E \"s#$t/##g; "
-     "s/[0-9]+<|>| *= 0$//g\" trace; cd / && rm -r $t", 0, "fsync(s/.certcache-staging/user/"
-     "s_at_x.key)\nfsync(s/.certcache-staging/user/s_at_x.crt)\nfsync(s/.certcache-staging)\n"
-     "fsync(s/.certcache-staging/user)\nfsync(s/.certcache-staging/intent)\nrename(\"s/"
-     ".certcache-staging/intent\", \"s/.certcache-intent\")\nfsync(s)\nrename(\"s/.certcache-"
-     "staging/user/s_at_x.key\", \"s/user/s_at_x.key\")\nrename(\"s/.certcache-staging/user/"
-     "s_at_x.crt\", \"s/user/s_at_x.crt\")\nfsync(s/.certcache-staging/user)\nfsync(s/user)\n"
+     " self-signed --key ec:P-256 --email s@x --overwrite >/dev/null; sed -E \"/tsan[.]/d; s#$t/##g; "
+     "s/[0-9]+<|>| *= 0$//g; s/staging-[A-Za-z0-9]{6}/staging-R/g\" trace; cd / && rm -r $t", 0,
+     "fsync(s/.certcache-staging-R/user/s_at_x.key)\nfsync(s/.certcache-staging-R/user/s_at_x.crt)"
+     "\nfsync(s/.certcache-staging-R)\nfsync(s/.certcache-staging-R/user)\nfsync(s/.certcache-"
+     "staging-R/intent)\nrename(\"s/.certcache-staging-R/intent\", \"s/.certcache-intent\")\n"
+     "fsync(s)\nrename(\"s/.certcache-staging-R/user/s_at_x.key\", \"s/user/s_at_x.key\")\n"
+     "rename(\"s/.certcache-staging-R/user/s_at_x.crt\", \"s/user/s_at_x.crt\")\nfsync(s/"
+     ".certcache-staging-R/user)\nfsync(s/user)\n"
      "unlink(\"s/.certcache-intent\")\nfsync(s)\n+++ exited with 0 +++\n"},
     {"--passin file:pw request --email cy@x --key legacy --out cy.csr", 0,
      "wrote the certificate request for cy@x to cy.csr\n"},
@@ -229,6 +231,12 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "al@x", 75, "store is busy"},
     {"!exec 9>root/.certcache.lock && flock 9 && CERTCACHE_LOCK_WAIT=0 c --store root list", 75,
      "store is busy"},
+    // A dead run's staging place goes, its files never taken for a change; a living run's stays.
+    {"!mkdir -p root/.certcache-staging-dead/user root/.certcache-staging-live && touch "
+     "root/.certcache-staging-dead/user/zz.key && { flock root/.certcache-staging-live sleep 1 & } "
+     "&& sleep 0.3 && c --store root list >/dev/null && ls -A root | grep staging; wait; c --store "
+     "root list >/dev/null; ls -A root root/user | grep -e staging -e zz | wc -l", 0,
+     ".certcache-staging-live\n0\n"},
     // A reader of a store it may not write goes on without the lock it cannot make.
     {"!mkdir -p ro/user && cp root/user/*.crt ro/user && cp $B ro/c && chmod -R a=rX ro && chmod "
      "755 . && u=$([ $(id -u) = 0 ] && echo setpriv --reuid=65534 --regid=65534 --clear-groups); $u"
@@ -462,11 +470,14 @@ TEST_F(ToolTest, ConcurrentRunsLeaveEveryCertificateBesideItsOwnKey) {
 
 // A changing command killed just before each of its file-changing system calls in turn (strace
 // counts them), then any next command: the store holds the credential as it was or as the command
-// makes it, whole, and nothing else. `verify` prints what check finds amiss (a key that does not
+// makes it, whole, and nothing else. Where a watcher follows the store, its current() shows a@x's
+// old pair or its new one at every kill before a rename, whole, and after the next command what
+// the store holds. `verify` prints what check finds amiss (a key that does not
 // open or is not its certificate's among it), pending keys that do not open, requests whose key
 // is not the one waiting, and every file there is, new or as it was.
 struct Crash {
   std::string setup, command, next = "list";
+  bool watched = false;  // a watcher follows the store: a@x as its current() shows it
 };
 TEST_F(ToolTest, AKillAtAnyFileChangeLeavesTheOldOrTheNewCredentialWhole) {
 #ifdef TAVIK_SANITIZED
@@ -493,7 +504,7 @@ TEST_F(ToolTest, AKillAtAnyFileChangeLeavesTheOldOrTheNewCredentialWhole) {
      " --overwrite --out o/a_at_x.csr"},
     {"c request" + key + " --email r@x --out o/q" + sign, "install o/c"},
     {"c request" + key + " --email r@x --out o/q" + sign + " && cat ca.crt >>o/c", "install o/c"},
-    {"c renew a@x" + key + " --out o/q" + sign, "install --overwrite o/c"},
+    {"c renew a@x" + key + " --out o/q" + sign, "install --overwrite o/c", "list", true},
     {"openssl req -new -key root/user/a_at_x.key -passin $P -subj /emailAddress=a@x -out o/q" +
      sign, "install --overwrite o/c"},
     {"c" + p12, "import o/a.p12 --id b"}, {"c" + p12, "import o/a.p12 --overwrite"},
@@ -508,10 +519,37 @@ TEST_F(ToolTest, AKillAtAnyFileChangeLeavesTheOldOrTheNewCredentialWhole) {
   };  // clang-format on
   run("!openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -keyout ca.key -out "
       "ca.crt -subj /CN=CA 2>&1");
+  // The watcher's a@x once it is quiet: the certificate's SHA-256, or the lookup's code.
+  const auto seen = [](CertStoreWatcher& watcher) {
+    for (auto g = watcher.generation(); watcher.waitForNewer(g, std::chrono::milliseconds(300));)
+      g = watcher.generation();
+    int code = 0;
+    const auto found = watcher.current()->getCertificate("a@x", kSecret, code, true);
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    if (!found || X509_digest(found->getX509(), EVP_sha256(), digest, &length) != 1)
+      return "code " + std::to_string(code);
+    std::ostringstream hex;
+    for (unsigned i = 0; i < length; ++i)
+      hex << std::hex << std::setw(2) << std::setfill('0') << +digest[i];
+    return hex.str();
+  };
   for (const Crash& crash : crashes) {
-    const auto pass = [&](const std::string& what) {
-      run("!rm -rf root o && cp -a s/root s/o . && " + what + " c --store root --passin $P " +
+    std::string during, settled;  // the watcher's a@x after the run, after the next command
+    const auto pass = [&](const std::string& what, bool watched = false) {
+      if (!watched) {
+        run("!rm -rf root o && cp -a s/root s/o . && " + what + " c --store root --passin $P " +
+            crash.next + " >/dev/null 2>&1; " + verify);
+        return out_;
+      }
+      run("!rm -rf root o && cp -a s/root s/o .");
+      CertificateStore store(root_, {root_});
+      CertStoreWatcher watcher(store, filter_, true);
+      run("!" + what + " :");
+      during = seen(watcher);
+      run("!" + std::string(what == ": ||" ? ": ||" : "") + " c --store root --passin $P " +
           crash.next + " >/dev/null 2>&1; " + verify);
+      settled = seen(watcher);
       return out_;
     };
     ASSERT_EQ(run("!rm -rf root o s && mkdir -p o s && c() { env -u CERTCACHE_STORE $B --store "
@@ -520,20 +558,29 @@ TEST_F(ToolTest, AKillAtAnyFileChangeLeavesTheOldOrTheNewCredentialWhole) {
                   (crash.setup.empty() ? ":" : crash.setup) + " >/dev/null && cp -a root o s"),
               0)
         << crash.setup << err_;
-    const std::string before = pass(": ||"),
-                      after = pass("c --store root --passin $P " + crash.command + " >/dev/null;");
+    const std::string before = pass(": ||", crash.watched), old = settled;
+    EXPECT_EQ(during, old);
+    const std::string after = pass("c --store root --passin $P " + crash.command + " >/dev/null;",
+                                   crash.watched),
+                      made = during;
+    EXPECT_EQ(settled, made);
     EXPECT_NE(before, after) << crash.command;
     int kills = 0;
     for (const char* call :
          {"openat", "write", "rename", "unlink", "link", "mkdir", "ftruncate", "fchmod"}) {
       for (int n = 1;; ++n) {
+        const bool watched = crash.watched && std::string(call) == "rename";
         const std::string killed =
             pass("strace -qq -o /dev/null -e trace=" + std::string(call) + " -e inject=" + call +
-                 ":signal=KILL:when=" + std::to_string(n) + " $B --store root --passin $P " +
-                 crash.command + " >/dev/null 2>&1; echo $? >io/status;");
+                     ":signal=KILL:when=" + std::to_string(n) + " $B --store root --passin $P " +
+                     crash.command + " >/dev/null 2>&1; echo $? >io/status;",
+                 watched);
         if (test::readFile(dir_ + "/io/status") != "137\n") break;
         ++kills;
         EXPECT_THAT(killed, ::testing::AnyOf(before, after)) << crash.command << " " << call << n;
+        if (!watched) continue;
+        EXPECT_THAT(during, ::testing::AnyOf(old, made)) << call << n;
+        EXPECT_EQ(settled, killed == before ? old : made) << call << n;
       }
     }
     EXPECT_GT(kills, 0) << crash.command;

@@ -1,8 +1,10 @@
 // The store watcher as a table of changes made by other programs (cp, mv, rm, ln, a program
-// writing files): after each, the watcher's index is what a fresh cache holds over the same
-// files, and its listener heard exactly the changes of the row. Then readers beside a writer
-// that rotates one pair.
+// writing files, a commit killed half way): after each, the watcher's index is what a fresh cache
+// holds over the same files, and its listener heard exactly the changes of the row. Then readers
+// beside a writer that rotates one pair.
 #include <openssl/x509.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <thread>
@@ -10,15 +12,26 @@
 #include "crypto/certstorewatcher.h"
 #include "support/storetest.h"
 
+// A watcher made while this is set finds no change notification, as where inotify cannot be had.
+std::atomic<bool> noNotification{false};
+extern "C" int inotify_init1(int flags) {
+  if (!noNotification) return static_cast<int>(::syscall(SYS_inotify_init1, flags));
+  errno = EMFILE;
+  return -1;
+}
+
 namespace tavik {
 namespace {
 
 struct Change {
   const char* name;
-  const char* kind;    // T::open
+  const char* kind;    // T::open; "-poll": without change notification
   const char* before;  // T::put entries
-  // ';'-separated: "sh COMMAND" (a shell, %D and %S the cache directories), "unchanged" (no
-  // index was published so far), or a T::script call.
+  // ';'-separated: "sh COMMAND" (a shell, %D and %S the cache directories, %R the root),
+  // "unchanged" (no index was published so far), "hold" (the listener's next call waits),
+  // "held" (until it does), "release", "read ID CODE" (once the watcher is quiet, a lookup in
+  // current() with "pw" gives CODE, and a found certificate comes with its own key), or a
+  // T::script call.
   const char* calls;
   // "+ID", "-ID", "~ID", sorted: per identifier the net effect of what the listener heard
   // (a pair renamed in two steps may be heard as removed, then added).
@@ -50,6 +63,35 @@ const Change kChanges[] = {
      "sh ln -s self.crt '%D/self.crt'; sh sleep 0.3; unchanged; unlink self.crt; put b.crt", "+b",
      "src/crypto/certstorewatcher.cpperror: Rescanning the store failed, keeping the last "
      "index: boost::filesystem::status: Too many levels of symbolic links*"},
+    {"AnIdOfTwoFilesOutlivesEither", "keys", "", "put a_at_x.crt; put b.crt=email:a@x; put "
+     "a_at_x.key; put b.key; sh sleep 0.2; sh rm '%D/a_at_x.crt'", "+a@x"},
+    {"AnIdGainsASecondFile", "keys", "a_at_x.crt a_at_x.key", "sh cd '%D' && cp a_at_x.key b.key "
+     "&& cp a_at_x.crt b.crt; sh sleep 0.2; sh rm '%D/a_at_x.crt'", "~a@x"},
+    // The queue holds 16,384 events: a burst of 24,000 while the watcher waits loses the removal.
+    {"QueueOverflowRescans", "plain", "a.crt", "hold; put b.crt; held; sh cd '%D' && seq 8000 | "
+     "xargs touch && rm a.crt; release", "+b -a"},
+    {"PollsWithoutNotification", "plain-poll", "a.crt", "put b.crt; sh rm '%D/a.crt'", "+b -a"},
+    // A commit killed after its key's rename: the new pair is read whole, the key where it went
+    // and the certificate from the staging place, until the record is gone.
+    {"KilledCommitReadsTheNewPairWhole", "keys", "a_at_x.crt a_at_x.key",
+     "sh S='%R/.certcache-staging-k/user' && mkdir -p \"$S\" && openssl req -x509 -newkey ec "
+     "-pkeyopt ec_paramgen_curve:P-256 -extensions v3_req -subj /CN=a@x -passout pass:pw -keyout "
+     "\"$S/a_at_x.key\" -out \"$S/a_at_x.crt\" 2>/dev/null && printf 'certcache-intent 1\\n"
+     "rename %%2Ecertcache-staging-k%%2Fuser%%2Fa_at_x.key user%%2Fa_at_x.key\\nrename %%2E"
+     "certcache-staging-k%%2Fuser%%2Fa_at_x.crt user%%2Fa_at_x.crt\\nend\\n' >'%R/.certcache-"
+     "intent' && mv \"$S/a_at_x.key\" '%D'; read a@x 0; sh mv '%R/.certcache-staging-k/user/"
+     "a_at_x.crt' '%D' && rm '%R/.certcache-intent'; read a@x 0", "~a@x"},
+    {"KilledRenameReadsThePairWhereItGoes", "keys", "a_at_x.crt a_at_x.key",
+     "sh printf 'certcache-intent 1\\nrename user%%2Fa_at_x.crt user%%2Fb.crt\\nrename user%%2F"
+     "a_at_x.key user%%2Fb.key\\nend\\n' >'%R/.certcache-intent' && mv '%D/a_at_x.crt' '%D/b.crt';"
+     " read a@x 0; sh mv '%D/a_at_x.key' '%D/b.key' && rm '%R/.certcache-intent'", "~a@x"},
+    {"DamagedRecordLeavesTheFilesAsTheyStand", "plain", "a.crt", "sh echo junk >'%R/.certcache-"
+     "intent'; put b.crt", "+b", "src/crypto/certstorewatcher."
+     "cpperror: The intent record in %R is damaged: its files are read as they are"},
+    {"KilledRemovalHidesThePair", "keys", "a_at_x.crt a_at_x.key b_at_x.crt b_at_x.key",
+     "sh printf 'certcache-intent 1\\nremove user%%2Fa_at_x.crt\\nremove user%%2Fa_at_x.key"
+     "\\nend\\n' >'%R/.certcache-intent' && rm '%D/a_at_x.crt'; read a@x 1000100; read b@x 0; "
+     "sh rm '%D/a_at_x.key' '%R/.certcache-intent'", "-a@x"},
 };
 // clang-format on
 
@@ -63,6 +105,7 @@ TEST_P(WatchTest, IndexIsAFreshCachesAfterEachChange) {
   std::vector<std::string> heard, logged;  // by the watcher's thread
   std::uint64_t heardOf = 1;               // the generation the listener heard last
   const std::thread::id test = std::this_thread::get_id();
+  std::atomic<int> hold{0};  // 1: the listener's next call waits; 2: it waits now
   LogFacility::setSink([&](const LogRecord& record) {
     const std::lock_guard<std::mutex> held(lock);
     if (record.level <= LogMask::warning && std::this_thread::get_id() != test)
@@ -70,7 +113,10 @@ TEST_P(WatchTest, IndexIsAFreshCachesAfterEachChange) {
                        LogFacility::levelName(record.level) + (": " + record.message));
   });
   CertificateStore store = *store_;  // open() below makes a new one for the fresh cache
+  noNotification = std::string(c.kind).find("-poll") != std::string::npos;
   CertStoreWatcher watcher(store, filter_, c.kind[0] == 'k');
+  noNotification = false;
+  const std::shared_ptr<void> released(nullptr, [&hold](void*) { hold = 0; });
   watcher.setListener([&](const StoreChanges& changes) {
     const std::lock_guard<std::mutex> held(lock);
     for (const auto& [sign, ids] :
@@ -78,14 +124,33 @@ TEST_P(WatchTest, IndexIsAFreshCachesAfterEachChange) {
           std::make_pair('~', &changes.changed)})
       for (const std::string& id : *ids) heard.push_back(sign + id);
     heardOf = watcher.generation();
+    for (int waiting = 1; hold.compare_exchange_strong(waiting, 2) || waiting == 2; waiting = 2)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
   });
   std::istringstream calls(c.calls);
+  std::uint64_t changed = watcher.generation();  // before the last call that changed files
   for (std::string call; std::getline(calls, call, ';');) {
     call = call.substr(call.find_first_not_of(' '));
     const bool sh = call.compare(0, 3, "sh ") == 0, unchanged = call == "unchanged";
+    if (call.compare(0, 5, "read ") != 0) changed = watcher.generation();
     EXPECT_EQ(sh ? test::shell(expand(call.substr(3))) : 0, 0) << call;
     EXPECT_EQ(unchanged ? watcher.generation() : 1u, 1u);
-    if (!sh && !unchanged) script(call);
+    const std::vector<std::string> a = test::words(call);
+    if (a[0] == "hold" || a[0] == "release") hold = a[0] == "hold";
+    for (int tries = 0; a[0] == "held" && hold != 2 && tries < 500; ++tries)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    if (a[0] == "read") {  // each row's read follows a change that the watcher publishes
+      watcher.waitForNewer(changed, std::chrono::seconds(5));
+      for (auto g = watcher.generation(); watcher.waitForNewer(g, std::chrono::milliseconds(300));)
+        g = watcher.generation();
+      int code = -1;
+      const auto found = watcher.current()->getCertificate(a[1], "pw", code, true);
+      EXPECT_EQ(std::to_string(code), a[2]) << call;
+      EXPECT_TRUE(!found || X509_check_private_key(found->getX509(), found->getPrivateKey()));
+    }
+    if (!sh && !unchanged && a[0] != "hold" && a[0] != "held" && a[0] != "release" &&
+        a[0] != "read")
+      script(call);
   }
   // A fresh cache's index over the files as they now stand, then the watcher's, until they agree.
   open(c.kind);

@@ -16,6 +16,11 @@ class FileDescriptor {
   FileDescriptor(const FileDescriptor&) = delete;
   FileDescriptor& operator=(const FileDescriptor&) = delete;
 
+  // Closes what it holds and takes `fd` instead.
+  void reset(int fd = -1) {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = fd;
+  }
   int get() const { return fd_; }
   bool isOpen() const { return fd_ >= 0; }
 

@@ -70,12 +70,24 @@ CertFileCache::CertFileCache(CertificateStore& store, boost::shared_ptr<Certific
 }
 
 CertFileCache::CertFileCache(CertificateStore& store, boost::shared_ptr<CertificateFilter> filter,
-                             bool withPrivateKeys,
-                             std::unordered_map<std::string, std::string> index)
+                             bool withPrivateKeys, CertificateIndex index,
+                             std::shared_ptr<const Redirects> redirects)
     : store_(store),
       filter_(std::move(filter)),
       withPrivateKeys_(withPrivateKeys),
-      index_(std::move(index)) {}
+      index_(std::move(index)),
+      redirects_(std::move(redirects)) {}
+
+fs::path CertFileCache::readPath(fs::path path) const {
+  if (!redirects_) return path;
+  const auto redirected = redirects_->find(path.string());
+  if (redirected == redirects_->end()) return path;
+  for (const std::string& place : redirected->second) {
+    struct stat info {};
+    if (::stat(place.c_str(), &info) == 0) return place;
+  }
+  return fs::path();  // absent
+}
 
 fs::path CertFileCache::filePath(const std::string& location, const std::string& baseName,
                                  const char* extension) const {
@@ -133,7 +145,7 @@ unsigned long CertFileCache::loadFromDir(const std::string& dir, unsigned long& 
   // key is there comes from the listing.
   const DirectoryListing listing(dir);
   if (!listing.isOpen()) return 0;
-  index_.reserve(index_.size() + listing.size() / (withPrivateKeys_ ? 2 : 1));
+  index_.reserve(listing.size() / (withPrivateKeys_ ? 2 : 1));
   std::string buffer;  // one for every file of the directory
   std::string id;
   for (std::size_t i = 0; i < listing.size(); ++i) {
@@ -165,7 +177,8 @@ std::size_t CertFileCache::certExtensionAt(std::string_view fileName) {
 CertFileCache::Entry CertFileCache::examineFile(const std::string& dir, int dirFd,
                                                 std::string_view fileName,
                                                 const DirectoryListing* listing,
-                                                std::string& buffer, std::string& id) const {
+                                                std::string& buffer, std::string& id,
+                                                std::optional<bool> keyPresent) const {
   const auto file = [&dir, fileName] { return fs::path(dir) / std::string(fileName); };
   const std::string name(fileName);
   std::size_t length = 0;
@@ -193,8 +206,9 @@ CertFileCache::Entry CertFileCache::examineFile(const std::string& dir, int dirF
   // Without a listing, the file system says whether the key is there, links followed.
   struct stat info {};
   const std::string keyName = baseName + kKeyExtension;
-  if (listing != nullptr ? !listing->exists(keyName)
-                         : ::fstatat(dirFd, keyName.c_str(), &info, 0) != 0) {
+  if (keyPresent.has_value() ? !*keyPresent
+      : listing != nullptr   ? !listing->exists(keyName)
+                             : ::fstatat(dirFd, keyName.c_str(), &info, 0) != 0) {
     TAVIK_LOG_DEBUG(logHandle) << "Certificate without private key. File missing: "
                                << credentialFile(dir, baseName, kKeyExtension);
     return Entry::kWithoutKey;
@@ -205,22 +219,20 @@ CertFileCache::Entry CertFileCache::examineFile(const std::string& dir, int dirF
 
 void CertFileCache::addFileToCache(const std::string& id, const std::string& file,
                                    const char* from) {
-  const auto inserted = index_.emplace(id, file);
-  if (inserted.second) {
+  std::string replaced;
+  if (index_.set(id, file, &replaced)) {
     TAVIK_LOG_TRACE(logHandle) << "Added certficate " << id << " => " << file;
     return;
   }
-  TAVIK_LOG_WARNING(logHandle) << "Replacing certificate (" << id << "). File '"
-                               << inserted.first->second << "' replaced with '" << file
-                               << "' from '" << from << "'";
-  inserted.first->second = file;
+  TAVIK_LOG_WARNING(logHandle) << "Replacing certificate (" << id << "). File '" << replaced
+                               << "' replaced with '" << file << "' from '" << from << "'";
 }
 
 std::shared_ptr<Certificate> CertFileCache::getCertificate(const std::string& id,
                                                            const std::string& password,
                                                            int& errorCode, bool loadFlag) const {
-  const auto found = index_.find(id);
-  if (found == index_.end()) {
+  const std::string* baseName = index_.find(id);
+  if (baseName == nullptr) {
     errorCode = kNotInIndex;
     return nullptr;
   }
@@ -229,7 +241,7 @@ std::shared_ptr<Certificate> CertFileCache::getCertificate(const std::string& id
   errorCode = kFound;
 
   for (const std::string& location : locations) {
-    const fs::path certFile = filePath(location, found->second, kCertExtension);
+    const fs::path certFile = readPath(filePath(location, *baseName, kCertExtension));
     boost::system::error_code error;
     if (!entryExists(certFile, error)) continue;
 
@@ -241,7 +253,7 @@ std::shared_ptr<Certificate> CertFileCache::getCertificate(const std::string& id
       errorCode = kCertUnreadable;
       continue;
     }
-    const fs::path keyFile = filePath(location, found->second, kKeyExtension);
+    const fs::path keyFile = readPath(filePath(location, *baseName, kKeyExtension));
     if (!entryExists(keyFile, error)) {
       TAVIK_LOG_WARNING(logHandle) << "Error reading certificate. Key missing: " << keyFile;
       errorCode = kKeyMissing;
@@ -282,15 +294,15 @@ int CertFileCache::getFileInfo(const std::string& baseName, std::string& keyFile
 std::size_t CertFileCache::listIds(std::vector<std::string>& ids) const {
   ids.clear();
   ids.reserve(index_.size());
-  for (const auto& entry : index_) ids.push_back(entry.first);
+  index_.forEach([&ids](const std::string& id, const std::string&) { ids.push_back(id); });
   // In the order of the identifiers, whatever the index's own.
   std::sort(ids.begin(), ids.end());
   return ids.size();
 }
 
 std::string CertFileCache::getFileBaseName(const std::string& id) const {
-  const auto found = index_.find(id);
-  return found == index_.end() ? std::string() : found->second;
+  const std::string* baseName = index_.find(id);
+  return baseName == nullptr ? std::string() : *baseName;
 }
 
 bool CertFileCache::renameFile(const std::string& baseName, const char* extension,
@@ -324,9 +336,9 @@ int CertFileCache::renameCert(const std::string& baseName, const std::string& ne
 }
 
 int CertFileCache::removeCert(const std::string& id) {
-  const auto found = index_.find(id);
-  if (found == index_.end()) return kUnknownId;
-  const std::string& baseName = found->second;
+  const std::string* found = index_.find(id);
+  if (found == nullptr) return kUnknownId;
+  const std::string baseName = *found;
   // One error code for every call, so each message shows what its own call left.
   boost::system::error_code error;
 
@@ -349,7 +361,7 @@ int CertFileCache::removeCert(const std::string& id) {
   }
   TAVIK_LOG_INFO(logHandle) << "Certificate (" << id
                             << ") has been removed from store: " << certPath;
-  index_.erase(found);
+  index_.erase(id);
   return kDone;
 }
 

@@ -14,6 +14,21 @@
 // Files that other programs (or this cache's creating members) add, rename or
 // remove later are not in the index: a new cache over the store sees them.
 //
+// A change by the certcache tool that dies half way. The tool changes a store
+// by one commit: new files made whole beside, an intent record
+// (ROOT/.certcache-intent, base/intentrecord.h), then renames. A run killed
+// between two of its renames leaves the record and a half-renamed pair: say
+// the new key in place beside the old certificate, the new certificate still
+// in the run's staging place. A cache scans the files as they stand and knows
+// nothing of the record, so until the commit is completed a lookup of that
+// pair fails with kKeyUnreadable (a certificate beside a key not its own) or
+// kNoLocationHasIt (a pair renamed half way to another base name), and an
+// identifier whose commit adds or removes it may be listed or not. Any
+// certcache command that takes the store's lock (list and show included)
+// completes the record first, and a cache built after that sees the new
+// credential whole. A CertStoreWatcher honours the record and never shows the
+// half-renamed pair (certstorewatcher.h).
+//
 // Failures. Operations report through their results (the codes below, empty
 // pointers, false) and through log statements (log/log.h), and catch no
 // exception. What can pass out of them:
@@ -51,6 +66,7 @@
 #include <boost/shared_ptr.hpp>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -60,6 +76,7 @@
 #include "base/certificatefilter.h"
 #include "base/certificatestore.h"
 #include "base/opensslutil.h"
+#include "crypto/certificateindex.h"
 #include "crypto/certreq.h"
 #include "crypto/credentialprofile.h"
 
@@ -291,19 +308,28 @@ class CertFileCache {
   // not yet: a writer may be at work), counted without its key, or entered.
   enum class Entry { kSkipped, kUnreadable, kWithoutKey, kEntered };
 
+  // Where a lookup reads a file of the store instead of where the path rule
+  // puts it: the path rule's path -> the places to try in turn (none: the
+  // file counts as absent). The watcher sets this while a commit's intent
+  // record says where the files of the commit are to be found.
+  using Redirects = std::unordered_map<std::string, std::vector<std::string>>;
+
   // A cache over `index` as it stands: no scan, no statement.
   CertFileCache(CertificateStore& store, boost::shared_ptr<CertificateFilter> filter,
-                bool withPrivateKeys, std::unordered_map<std::string, std::string> index);
+                bool withPrivateKeys, CertificateIndex index,
+                std::shared_ptr<const Redirects> redirects = nullptr);
 
   // Where the ".crt" extension of `fileName` starts, in any letter case; npos
   // when it has none.
   static std::size_t certExtensionAt(std::string_view fileName);
   // Reads the certificate file `fileName` of the cache directory `dir` (open
   // as `dirFd`), with the scan's checks and statements. On kEntered, `id` is
-  // its identifier. Whether its key is there comes from `listing` when given,
-  // else from the file system. `buffer` is reused from file to file.
+  // its identifier. Whether its key is there is `keyPresent` when given, else
+  // comes from `listing` when given, else from the file system. `buffer` is
+  // reused from file to file.
   Entry examineFile(const std::string& dir, int dirFd, std::string_view fileName,
-                    const DirectoryListing* listing, std::string& buffer, std::string& id) const;
+                    const DirectoryListing* listing, std::string& buffer, std::string& id,
+                    std::optional<bool> keyPresent = std::nullopt) const;
 
   unsigned long loadFromDir(const std::string& dir, unsigned long& count);
   void addFileToCache(const std::string& id, const std::string& file, const char* from);
@@ -317,7 +343,9 @@ class CertFileCache {
   int makeCsr(const std::string& subject, const std::string& email, const std::string& password,
               int flags, std::string& csr, const CredentialProfile* profile);
 
-  // The cache directory of `location`: location / subdirectory.
+  // Where a lookup reads `path`: `path` itself unless it is redirected.
+  boost::filesystem::path readPath(boost::filesystem::path path) const;
+
   // The path of a file by the store's path rule: location / subdirectory /
   // (baseName + extension). The only place that joins paths.
   boost::filesystem::path filePath(const std::string& location, const std::string& baseName,
@@ -327,8 +355,10 @@ class CertFileCache {
   boost::shared_ptr<CertificateFilter> filter_;
   const bool withPrivateKeys_;
   // identifier -> file base name; hashed, so that loading a large store does
-  // not compare long identifiers at every step.
-  std::unordered_map<std::string, std::string> index_;
+  // not compare long identifiers at every step, and in shards that the
+  // watcher's indexes share.
+  CertificateIndex index_;
+  std::shared_ptr<const Redirects> redirects_;  // null but in some of the watcher's
 };
 
 }  // namespace tavik

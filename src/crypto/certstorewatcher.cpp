@@ -14,18 +14,23 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/filesystem/exception.hpp>
+#include <boost/filesystem/operations.hpp>
 #include <boost/system/error_code.hpp>
 #include <cerrno>
 #include <ctime>
 #include <map>
+#include <optional>
 #include <set>
 #include <unordered_map>
 #include <utility>
 
+#include "base/compactstringmap.h"
 #include "base/directorylisting.h"
 #include "base/filedescriptor.h"
 #include "base/filename.h"
+#include "base/intentrecord.h"
 #include "log/log.h"
 
 namespace tavik {
@@ -51,15 +56,42 @@ constexpr std::time_t kSettleSeconds = 1;
 // written is read again this much later before it leaves the index.
 constexpr int kSettleMilliseconds = 100;
 
+// The location index of the watch on the store's root, where the intent record lies.
+constexpr std::size_t kRoot = static_cast<std::size_t>(-1);
+
 [[noreturn]] void throwError(const char* what, const std::string& path, int error) {
   throw boost::filesystem::filesystem_error(
       what, path, boost::system::error_code(error, boost::system::system_category()));
 }
 
+bool exists(const std::string& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0;
+}
+
+// The same directory, whatever the path that names it.
+bool sameDirectory(const std::string& a, const std::string& b) {
+  struct stat first {};
+  struct stat second {};
+  return ::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0 &&
+         first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
 }  // namespace
 
 // Everything the watcher's thread keeps: for every location, the certificate
-// files that entered (file name -> identifier), and the notification.
+// files that entered (file name -> identifier), the index it published last,
+// what an intent record holds back, and the notification.
+//
+// A commit of the tool (base/intentrecord.h) renames its new files into place
+// one after the other; a run killed between two renames leaves a certificate
+// beside a key that is not its own until a next run completes the record.
+// While a record exists, the files it names are therefore read as the record
+// will leave them: each from its staged place until its rename is made, a file
+// to be removed or renamed away as absent. The indexes published meanwhile
+// send lookups of those files to the same places, so a reader meets the new
+// pair whole, never a half-renamed one; once the record is gone, the files are
+// read where they are.
 class CertStoreWatcher::Follower {
  public:
   Follower(CertificateStore& store, boost::shared_ptr<CertificateFilter> filter,
@@ -76,7 +108,7 @@ class CertStoreWatcher::Follower {
   struct Location {
     std::string location, directory;
     int directoryWatch = -1, locationWatch = -1;
-    std::unordered_map<std::string, std::string> files;  // entered file name -> identifier
+    CompactStringMap files;  // entered file name -> identifier
   };
   struct Touched {
     std::size_t location;
@@ -88,31 +120,48 @@ class CertStoreWatcher::Follower {
     std::vector<Touched> touched;
     std::set<std::size_t> relist;
     bool everything = false;
+    bool record = false;  // the intent record came or went
   };
-  using Index = std::unordered_map<std::string, std::string>;
+  // A file that the intent record names -> the places its content is to be
+  // read from, in turn (none: it is absent).
+  using Held = std::map<std::pair<std::size_t, std::string>, std::vector<std::string>>;
 
-  static std::string stem(const std::string& fileName) {
-    return fileName.substr(0, CertFileCache::certExtensionAt(fileName));
+  static std::string stem(std::string_view fileName) {
+    return std::string(fileName.substr(0, CertFileCache::certExtensionAt(fileName)));
   }
 
   void watch(std::size_t location);
   bool readEvents(Batch& batch);
   void onEvent(const inotify_event& event, Batch& batch);
+  void touchCertificates(std::size_t location, const std::string& name, bool rewritten,
+                         Batch& batch) const;
   void retryWatches(Batch& batch);
-  // The index after `batch`, with what changed; throws what a scan throws.
-  Index apply(const Batch& batch, StoreChanges& changes);
-  Index scanEverything();
-  void scan(std::size_t location, Index* index);
+  // Reads the intent record again; the files it named and names now are touched.
+  void readRecord(Batch& batch);
+  // Applies `batch` to the working index, noting what changed; throws what a scan throws.
+  void apply(const Batch& batch, StoreChanges& changes);
+  CertificateIndex scanEverything();
+  void scan(std::size_t location, CertificateIndex* index);
   void examine(const Touched& touched, int directoryFd);
+  // Whether the key of certificate file `certName` of `location` is there for
+  // the scan: as the record will leave it when the record names it, else none.
+  std::optional<bool> heldKey(std::size_t location, std::string_view certName) const;
+  // Reads the certificate file `fileName` of `location` that the record holds
+  // from where its content lies now; true when it entered, with `id`.
+  bool examineHeld(std::size_t location, const std::string& fileName,
+                   const std::vector<std::string>& places, std::string& id);
   // For each identifier, the file that gives it in a fresh scan: the last
-  // location's, and within it the listing's last.
+  // location's, and within it the listing's last. `onlyTouched`: the files
+  // just read are all that can give them.
   std::map<std::string, std::pair<std::size_t, std::string>> winners(
-      const std::set<std::string>& ids, bool onlyTouched, const Batch& batch) const;
-  std::shared_ptr<const CertFileCache> snapshot(Index index) const;
+      const std::set<std::string>& ids, bool onlyTouched, const Batch& batch);
+  std::shared_ptr<const CertFileCache> snapshot();
 
   CertificateStore& store_;
   boost::shared_ptr<CertificateFilter> filter_;
   const bool withPrivateKeys_;
+  std::string root_;
+  int rootWatch_ = -1;
   std::vector<Location> locations_;
   std::multimap<int, std::size_t> watches_;  // watch -> locations it serves
   FileDescriptor notify_;
@@ -120,7 +169,14 @@ class CertStoreWatcher::Follower {
   // The scan's rules are the cache's: an empty cache of the same kind reads the files.
   std::unique_ptr<CertFileCache> reader_;
   std::shared_ptr<const CertFileCache> published_;
+  CertificateIndex working_;  // the next index; shares all it did not change with published_
+  Held held_;
+  std::shared_ptr<const CertFileCache::Redirects> redirects_;  // held_ for lookups
   bool failed_ = false;  // the last scan threw: scan everything on the next change
+  // Identifiers that more than one file may give. Any other is given by one
+  // file at most, so a change of files that gave or give it decides it alone,
+  // without a look at every file of the store.
+  std::set<std::string> shared_;
   // Entered files found unreadable just after a write: kept as they were, and
   // read again shortly, for a writer may still be at work on them.
   std::vector<Touched> unsettled_;
@@ -135,9 +191,10 @@ CertStoreWatcher::Follower::Follower(CertificateStore& store,
     : store_(store),
       filter_(std::move(filter)),
       withPrivateKeys_(withPrivateKeys),
+      root_(store.getRoot()),
       notify_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
       stop_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      reader_(new CertFileCache(store, filter_, withPrivateKeys, Index())) {
+      reader_(new CertFileCache(store, filter_, withPrivateKeys, CertificateIndex())) {
   for (const std::string& location : locations) {
     locations_.emplace_back();
     locations_.back().location = location;
@@ -152,20 +209,29 @@ CertStoreWatcher::Follower::Follower(CertificateStore& store,
 
 std::shared_ptr<CertFileCache const> CertStoreWatcher::Follower::start() {
   // Watches first, so that no change made during the scan goes unseen.
+  watch(kRoot);
   for (std::size_t i = 0; i < locations_.size(); ++i) watch(i);
+  Batch ignored;
+  readRecord(ignored);
   try {
-    published_ = snapshot(scanEverything());
+    working_ = scanEverything();
   } catch (const boost::filesystem::filesystem_error& error) {
     TAVIK_LOG_ERROR(logHandle) << "Scanning the store failed, starting empty: " << error.what();
     failed_ = true;
-    published_ = snapshot(Index());
+    working_ = CertificateIndex();
   }
-  return published_;
+  return published_ = snapshot();
 }
 
 void CertStoreWatcher::Follower::watch(std::size_t i) {
-  Location& location = locations_[i];
   if (!notify_.isOpen()) return;
+  if (i == kRoot) {
+    // The same mask as a location's: a root that is a location shares its watch.
+    rootWatch_ = ::inotify_add_watch(notify_.get(), root_.c_str(), kLocationEvents);
+    if (rootWatch_ >= 0) watches_.emplace(rootWatch_, kRoot);
+    return;
+  }
+  Location& location = locations_[i];
   if (location.locationWatch < 0) {
     location.locationWatch =
         ::inotify_add_watch(notify_.get(), location.location.c_str(), kLocationEvents);
@@ -192,14 +258,18 @@ void CertStoreWatcher::Follower::run(CertStoreWatcher& watcher) {
     unsettled_.clear();
     if (!notify_.isOpen()) batch.everything = true;  // polling: every second, everything
     retryWatches(batch);
+    if (batch.record || batch.everything) readRecord(batch);
     // A failed scan is tried again on the next change, not on every tick.
     if (batch.touched.empty() && batch.relist.empty() && !batch.everything) continue;
     StoreChanges changes;
     try {
-      Index index = apply(batch, changes);
+      apply(batch, changes);
       failed_ = false;
-      if (changes.added.empty() && changes.removed.empty() && changes.changed.empty()) continue;
-      published_ = snapshot(std::move(index));
+      if (changes.added.empty() && changes.removed.empty() && changes.changed.empty() &&
+          !batch.record) {
+        continue;
+      }
+      published_ = snapshot();
       watcher.publish(published_, changes);
     } catch (const boost::filesystem::filesystem_error& error) {
       TAVIK_LOG_ERROR(logHandle) << "Rescanning the store failed, keeping the last index: "
@@ -245,6 +315,11 @@ void CertStoreWatcher::Follower::onEvent(const inotify_event& event, Batch& batc
   for (auto it = served.first; it != served.second; ++it) locations.push_back(it->second);
   if ((event.mask & IN_IGNORED) != 0) watches_.erase(event.wd);
   for (const std::size_t i : locations) {
+    if (i == kRoot) {
+      if ((event.mask & IN_IGNORED) != 0) rootWatch_ = -1;
+      batch.record = batch.record || name == kIntentRecordName || (event.mask & IN_IGNORED) != 0;
+      continue;
+    }
     Location& location = locations_[i];
     if (event.wd == location.locationWatch) {
       if ((event.mask & IN_IGNORED) != 0) location.locationWatch = -1;
@@ -266,26 +341,37 @@ void CertStoreWatcher::Follower::onEvent(const inotify_event& event, Batch& batc
       batch.relist.insert(i);
       continue;
     }
-    const bool rewritten = (event.mask & (IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE)) != 0;
-    if (CertFileCache::certExtensionAt(name) != std::string::npos) {
-      batch.touched.push_back({i, name, rewritten});
-      continue;
+    // What the record holds changes when the record does, not when its files move.
+    const bool rewritten = (event.mask & (IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE)) != 0 &&
+                           held_.count({i, name}) == 0;
+    touchCertificates(i, name, rewritten, batch);
+  }
+}
+
+void CertStoreWatcher::Follower::touchCertificates(std::size_t i, const std::string& name,
+                                                   bool rewritten, Batch& batch) const {
+  if (CertFileCache::certExtensionAt(name) != std::string::npos) {
+    batch.touched.push_back({i, name, rewritten});
+    return;
+  }
+  // A key decides whether the certificates of its base name enter: every
+  // letter case of ".crt" pairs with the one ".key".
+  const std::size_t length = name.size() - 4;
+  if (name.size() <= 4 || name.compare(length, 4, kKeyExtension) != 0) return;
+  for (int variant = 0; variant < 8; ++variant) {
+    std::string certName = name.substr(0, length) + ".crt";
+    for (int letter = 0; letter < 3; ++letter) {
+      if ((variant & (1 << letter)) != 0) certName[length + 1 + letter] -= 'a' - 'A';
     }
-    // A key decides whether the certificates of its base name enter: every
-    // letter case of ".crt" pairs with the one ".key".
-    const std::size_t length = name.size() - 4;
-    if (name.size() <= 4 || name.compare(length, 4, kKeyExtension) != 0) continue;
-    for (int variant = 0; variant < 8; ++variant) {
-      std::string certName = name.substr(0, length) + ".crt";
-      for (int letter = 0; letter < 3; ++letter) {
-        if ((variant & (1 << letter)) != 0) certName[length + 1 + letter] -= 'a' - 'A';
-      }
-      batch.touched.push_back({i, certName, false});
-    }
+    batch.touched.push_back({i, certName, false});
   }
 }
 
 void CertStoreWatcher::Follower::retryWatches(Batch& batch) {
+  if (notify_.isOpen() && rootWatch_ < 0) {
+    watch(kRoot);
+    batch.record = batch.record || rootWatch_ >= 0;
+  }
   for (std::size_t i = 0; i < locations_.size(); ++i) {
     const bool hadDirectory = locations_[i].directoryWatch >= 0;
     watch(i);
@@ -293,34 +379,77 @@ void CertStoreWatcher::Follower::retryWatches(Batch& batch) {
   }
 }
 
-CertStoreWatcher::Follower::Index CertStoreWatcher::Follower::apply(const Batch& batch,
-                                                                    StoreChanges& changes) {
-  const Index& before = published_->index_;
+void CertStoreWatcher::Follower::readRecord(Batch& batch) {
+  std::vector<IntentStep> steps;
+  const IntentRead read = readIntentRecord(root_, steps);
+  if (read == IntentRead::kDamaged) {
+    TAVIK_LOG_ERROR(logHandle) << "The intent record in " << root_
+                               << " is damaged: its files are read as they are";
+  }
+  Held held;
+  const auto hold = [&](const std::string& path, std::vector<std::string> places) {
+    const boost::filesystem::path file(path);
+    for (std::size_t i = 0; i < locations_.size(); ++i) {
+      if (sameDirectory(file.parent_path().string(), locations_[i].directory)) {
+        held[{i, file.filename().string()}] = places;
+      }
+    }
+  };
+  // A file the record renames away or removes is gone, unless a later step
+  // renames another onto it; a rename's target is where its source is until
+  // the rename is made.
+  for (const IntentStep& step : steps) hold(step.from, {});
+  for (const IntentStep& step : steps) {
+    if (step.rename) hold(step.to, {step.from, step.to});
+  }
+  if (held == held_) return;
+  // The files it held and holds now are read again, each as what holds it says.
+  for (const Held* named : {&held_, &held}) {
+    for (const auto& entry : *named) {
+      const bool fresh = named == &held && held_.count(entry.first) == 0;
+      touchCertificates(entry.first.first, entry.first.second, fresh, batch);
+    }
+  }
+  held_ = std::move(held);
+  auto redirects = std::make_shared<CertFileCache::Redirects>();
+  for (const auto& [file, places] : held_) {
+    (*redirects)[(boost::filesystem::path(locations_[file.first].directory) / file.second)
+                     .string()] = places;
+  }
+  if (redirects->empty()) redirects.reset();
+  redirects_ = std::move(redirects);
+  batch.record = true;
+}
+
+void CertStoreWatcher::Follower::apply(const Batch& batch, StoreChanges& changes) {
+  const CertFileCache& before = *published_;
   if (batch.everything || failed_) {
-    Index after = scanEverything();
-    for (const auto& [id, base] : before) {
-      const auto found = after.find(id);
-      if (found == after.end()) changes.removed.push_back(id);
-      if (found != after.end() && found->second != base) changes.changed.push_back(id);
-    }
-    for (const auto& entry : after) {
-      if (before.count(entry.first) == 0) changes.added.push_back(entry.first);
-    }
-    return after;
+    working_ = scanEverything();
+    before.index_.forEach([&](const std::string& id, const std::string& base) {
+      const std::string* now = working_.find(id);
+      if (now == nullptr) changes.removed.push_back(id);
+      if (now != nullptr && *now != base) changes.changed.push_back(id);
+    });
+    working_.forEach([&](const std::string& id, const std::string&) {
+      if (before.index_.find(id) == nullptr) changes.added.push_back(id);
+    });
+    return;
   }
 
   // Every identifier that a changed file gave before or gives now.
   std::set<std::string> ids;
+  const auto note = [&ids](std::string_view, std::string_view id) { ids.emplace(id); };
   for (const std::size_t i : batch.relist) {
-    for (const auto& entry : locations_[i].files) ids.insert(entry.second);
+    locations_[i].files.forEach(note);
     scan(i, nullptr);
-    for (const auto& entry : locations_[i].files) ids.insert(entry.second);
+    locations_[i].files.forEach(note);
   }
   std::map<std::size_t, FileDescriptor> directories;
   for (const Touched& touched : batch.touched) {
     Location& location = locations_[touched.location];
     const auto known = location.files.find(touched.fileName);
-    if (known != location.files.end()) ids.insert(known->second);
+    const std::string was = known ? std::string(*known) : std::string();
+    if (known) ids.insert(was);
     auto open = directories.find(touched.location);
     if (open == directories.end()) {
       open = directories
@@ -330,41 +459,41 @@ CertStoreWatcher::Follower::Index CertStoreWatcher::Follower::apply(const Batch&
     }
     examine(touched, open->second.get());
     const auto now = location.files.find(touched.fileName);
-    if (now != location.files.end()) ids.insert(now->second);
+    if (!now) continue;
+    ids.emplace(*now);
+    // A file that begins to give an identifier another file gives already.
+    if (*now != was && before.index_.find(std::string(*now)) != nullptr) shared_.emplace(*now);
   }
 
-  // An identifier new to the index can only come from the files just read.
   bool onlyTouched = batch.relist.empty();
-  for (const std::string& id : ids) onlyTouched = onlyTouched && before.count(id) == 0;
+  for (const std::string& id : ids) onlyTouched = onlyTouched && shared_.count(id) == 0;
   const auto winner = winners(ids, onlyTouched, batch);
 
-  Index after = before;
   for (const std::string& id : ids) {
-    const auto was = before.find(id);
+    const std::string* was = before.index_.find(id);
     const auto is = winner.find(id);
     if (is == winner.end()) {
-      if (was != before.end()) changes.removed.push_back(id);
-      after.erase(id);
+      if (was != nullptr) changes.removed.push_back(id);
+      working_.erase(id);
       continue;
     }
     const std::string base = stem(is->second.second);
-    after[id] = base;
-    if (was == before.end()) {
+    working_.set(id, base);
+    if (was == nullptr) {
       changes.added.push_back(id);
       continue;
     }
-    bool rewritten = was->second != base;
+    bool rewritten = *was != base;
     for (const Touched& touched : batch.touched) {
       rewritten = rewritten || (touched.rewritten && touched.location == is->second.first &&
                                 touched.fileName == is->second.second);
     }
     if (rewritten) changes.changed.push_back(id);
   }
-  return after;
 }
 
 std::map<std::string, std::pair<std::size_t, std::string>> CertStoreWatcher::Follower::winners(
-    const std::set<std::string>& ids, bool onlyTouched, const Batch& batch) const {
+    const std::set<std::string>& ids, bool onlyTouched, const Batch& batch) {
   // Candidates by identifier, by location.
   std::map<std::string, std::map<std::size_t, std::set<std::string>>> found;
   const auto consider = [&](std::size_t i, const std::string& fileName, const std::string& id) {
@@ -372,17 +501,22 @@ std::map<std::string, std::pair<std::size_t, std::string>> CertStoreWatcher::Fol
   };
   if (onlyTouched) {
     for (const Touched& touched : batch.touched) {
-      const auto& files = locations_[touched.location].files;
-      const auto entry = files.find(touched.fileName);
-      if (entry != files.end()) consider(touched.location, entry->first, entry->second);
+      const auto id = locations_[touched.location].files.find(touched.fileName);
+      if (id) consider(touched.location, touched.fileName, std::string(*id));
     }
   } else {
     for (std::size_t i = 0; i < locations_.size(); ++i) {
-      for (const auto& entry : locations_[i].files) consider(i, entry.first, entry.second);
+      locations_[i].files.forEach([&](std::string_view name, std::string_view id) {
+        consider(i, std::string(name), std::string(id));
+      });
     }
   }
   std::map<std::string, std::pair<std::size_t, std::string>> chosen;
   for (const auto& [id, byLocation] : found) {
+    std::size_t files = 0;
+    for (const auto& entry : byLocation) files += entry.second.size();
+    if (files > 1) shared_.insert(id);
+    if (files == 1 && !onlyTouched) shared_.erase(id);
     const auto& [i, names] = *byLocation.rbegin();
     std::string last = *names.rbegin();
     if (names.size() > 1) {
@@ -399,38 +533,81 @@ std::map<std::string, std::pair<std::size_t, std::string>> CertStoreWatcher::Fol
   return chosen;
 }
 
-CertStoreWatcher::Follower::Index CertStoreWatcher::Follower::scanEverything() {
-  Index index;
+CertificateIndex CertStoreWatcher::Follower::scanEverything() {
+  shared_.clear();
+  CertificateIndex index;
   for (std::size_t i = 0; i < locations_.size(); ++i) scan(i, &index);
   return index;
 }
 
-void CertStoreWatcher::Follower::scan(std::size_t i, Index* index) {
+void CertStoreWatcher::Follower::scan(std::size_t i, CertificateIndex* index) {
   Location& location = locations_[i];
   location.files.clear();
   const DirectoryListing listing(location.directory);
-  if (!listing.isOpen()) return;
   std::string id;
-  for (std::size_t at = 0; at < listing.size(); ++at) {
+  for (std::size_t at = 0; listing.isOpen() && at < listing.size(); ++at) {
     if (!listing.isRegularFile(at)) continue;
     const std::string_view name = listing.name(at);
     if (CertFileCache::certExtensionAt(name) == std::string_view::npos) continue;
-    if (reader_->examineFile(location.directory, listing.fd(), name, &listing, buffer_, id) !=
-        CertFileCache::Entry::kEntered) {
+    if (!held_.empty() && held_.count({i, std::string(name)}) != 0) continue;
+    if (reader_->examineFile(location.directory, listing.fd(), name, &listing, buffer_, id,
+                             heldKey(i, name)) != CertFileCache::Entry::kEntered) {
       continue;
     }
-    location.files[std::string(name)] = id;
-    if (index != nullptr) (*index)[id] = stem(std::string(name));
+    location.files.set(name, id);
+    if (index != nullptr && !index->set(id, stem(name))) shared_.insert(id);
   }
   listing.throwIfIncomplete();
+  // What the record holds in this directory, where it lies now.
+  for (const auto& [file, places] : held_) {
+    if (file.first != i || CertFileCache::certExtensionAt(file.second) == std::string::npos ||
+        !examineHeld(i, file.second, places, id)) {
+      continue;
+    }
+    location.files.set(file.second, id);
+    if (index != nullptr && !index->set(id, stem(file.second))) shared_.insert(id);
+  }
+}
+
+std::optional<bool> CertStoreWatcher::Follower::heldKey(std::size_t i,
+                                                        std::string_view certName) const {
+  if (held_.empty()) return std::nullopt;
+  const auto held = held_.find({i, stem(certName) + kKeyExtension});
+  if (held == held_.end()) return std::nullopt;
+  return std::any_of(held->second.begin(), held->second.end(), exists);
+}
+
+bool CertStoreWatcher::Follower::examineHeld(std::size_t i, const std::string& fileName,
+                                             const std::vector<std::string>& places,
+                                             std::string& id) {
+  const auto place = std::find_if(places.begin(), places.end(), exists);
+  if (place == places.end()) return false;
+  const boost::filesystem::path path(*place);
+  const std::string directory = path.parent_path().string();
+  const FileDescriptor directoryFd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directoryFd.isOpen()) return false;
+  // The key beside the certificate is the one the record leaves beside it.
+  const std::string keyName = stem(fileName) + kKeyExtension;
+  const auto key = held_.find({i, keyName});
+  const bool keyPresent = key != held_.end()
+                              ? std::any_of(key->second.begin(), key->second.end(), exists)
+                              : exists(locations_[i].directory + "/" + keyName);
+  return reader_->examineFile(directory, directoryFd.get(), path.filename().string(), nullptr,
+                              buffer_, id, keyPresent) == CertFileCache::Entry::kEntered;
 }
 
 void CertStoreWatcher::Follower::examine(const Touched& touched, int directoryFd) {
   const std::string& fileName = touched.fileName;
   Location& location = locations_[touched.location];
   const auto known = location.files.find(fileName);
-  const std::string was = known != location.files.end() ? known->second : std::string();
-  if (known != location.files.end()) location.files.erase(known);
+  const std::string was = known ? std::string(*known) : std::string();
+  if (known) location.files.erase(fileName);
+  std::string id;
+  const auto held = held_.find({touched.location, fileName});
+  if (held != held_.end()) {
+    if (examineHeld(touched.location, fileName, held->second, id)) location.files.set(fileName, id);
+    return;
+  }
   struct stat info {};
   if (directoryFd < 0 || ::fstatat(directoryFd, fileName.c_str(), &info, 0) != 0) {
     // As the listing's type test: an absent file or target is no file, any other failure an error.
@@ -440,22 +617,22 @@ void CertStoreWatcher::Follower::examine(const Touched& touched, int directoryFd
     return;
   }
   if (!S_ISREG(info.st_mode)) return;
-  std::string id;
   const CertFileCache::Entry entry =
-      reader_->examineFile(location.directory, directoryFd, fileName, nullptr, buffer_, id);
-  if (entry == CertFileCache::Entry::kEntered) location.files[fileName] = id;
+      reader_->examineFile(location.directory, directoryFd, fileName, nullptr, buffer_, id,
+                           heldKey(touched.location, fileName));
+  if (entry == CertFileCache::Entry::kEntered) location.files.set(fileName, id);
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
   if (entry == CertFileCache::Entry::kUnreadable && !was.empty() &&
       info.st_mtim.tv_sec + kSettleSeconds >= now.tv_sec) {
-    location.files[fileName] = was;
+    location.files.set(fileName, was);
     unsettled_.push_back(touched);
   }
 }
 
-std::shared_ptr<const CertFileCache> CertStoreWatcher::Follower::snapshot(Index index) const {
+std::shared_ptr<const CertFileCache> CertStoreWatcher::Follower::snapshot() {
   return std::shared_ptr<const CertFileCache>(
-      new CertFileCache(store_, filter_, withPrivateKeys_, std::move(index)));
+      new CertFileCache(store_, filter_, withPrivateKeys_, working_.share(), redirects_));
 }
 
 CertStoreWatcher::CertStoreWatcher(CertificateStore& store,
@@ -498,9 +675,13 @@ void CertStoreWatcher::setListener(std::function<void(const StoreChanges&)> list
 void CertStoreWatcher::publish(std::shared_ptr<const CertFileCache> index,
                                const StoreChanges& changes) {
   std::function<void(const StoreChanges&)> listener;
+  const bool changed =
+      !changes.added.empty() || !changes.removed.empty() || !changes.changed.empty();
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     current_ = std::move(index);
+    // The same index read through other places: no new generation.
+    if (!changed) return;
     ++generation_;
     listener = listener_;
   }
@@ -516,7 +697,9 @@ std::shared_ptr<Certificate> CertStoreWatcher::getCertificate(const std::string&
                                                               const std::string& password,
                                                               int& errorCode) const {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kSettleSeconds);
-  const std::chrono::milliseconds longestPause(50);
+  // Short pauses: a writer that rewrites the pair again and again leaves it whole
+  // for moments only, and each look is a chance to meet one.
+  const std::chrono::milliseconds longestPause(5);
   for (std::chrono::milliseconds pause(1);; pause = std::min(2 * pause, longestPause)) {
     const std::shared_ptr<const CertFileCache> index = current();
     std::shared_ptr<Certificate> found = index->getCertificate(id, password, errorCode, true);

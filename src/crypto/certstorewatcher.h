@@ -11,6 +11,25 @@
 // certificate only when its key lies beside it. Readers take current() and
 // look up in it from any number of threads; nothing they hold ever changes.
 //
+// Each published index shares with the one before it all that did not change
+// (CertificateIndex): a change costs the watcher the files it touched and one
+// shard of the index, not a copy of the whole store's index.
+//
+// A commit of the certcache tool (base/intentrecord.h) is honoured: while its
+// intent record lies in the store's root, the files it names are read where
+// the record will leave them (each from its staging place until its rename is
+// made; a file to be removed, or renamed away, as absent), and the indexes
+// published meanwhile send lookups of those files to the same places. Nothing
+// is published of the files as they stand half renamed, so a reader of
+// current() meets the pair the commit makes, whole, even when the run that
+// made it was killed half way and no other run has completed it yet. (In the
+// milliseconds between a rename and the watcher's reading of the record, a
+// lookup through the index before may still meet the pair mid-change, as with
+// any change of files under a lookup: getCertificate below reads it again.)
+// Once the
+// record is gone, the files are read where they are again (a completed commit
+// leaves them where they were read from, and nothing new is published).
+//
 // When the kernel's queue overflows, the watcher scans the store again; when
 // notification cannot be set up at all, it scans once a second. A scan that
 // fails (a directory that cannot be listed, a link that loops) keeps the last

@@ -108,16 +108,20 @@ int selfSignedCommand(const Invocation& invocation, std::ostream& out) {
         "self-signed makes user certificates only, which a --kind ca store never lists");
   }
   const std::string password = readPassword(invocation.passin, true);
-  StoreSession session(invocation.store, StoreAccess::kCreate);
+  StoreSession session(invocation.store, StoreAccess::kPrepare);
   const std::string what = "no self-signed pair made for '" + invocation.email + "'";
   const std::string baseName = subjectToFilename(invocation.subject, invocation.email);
-  StoreCommit commit(session.root(), session.filter().subdirectory());
   // The library refuses an existing key unless asked to replace it; the staging
-  // place is empty, so the store is asked here.
-  if (!invocation.overwrite && !baseName.empty() &&
-      entryExists(commit.stored(baseName, kKeyExtension))) {
-    failOnResult(CertFileCache::kExists, what);
-  }
+  // place is empty, so the store is asked here, before the key is made and
+  // again under the lock.
+  const auto refuseExisting = [&] {
+    if (!invocation.overwrite && !baseName.empty() &&
+        entryExists(storeFile(session.directory(), baseName, kKeyExtension))) {
+      failOnResult(CertFileCache::kExists, what);
+    }
+  };
+  refuseExisting();
+  StoreCommit commit(session.root(), session.filter().subdirectory());
   CertFileCache& cache = commit.cache(session.sharedFilter(), session.withKeys());
   const int flags = CertFileCache::overwriteExisting;
   failOnResult(
@@ -126,6 +130,8 @@ int selfSignedCommand(const Invocation& invocation, std::ostream& out) {
           : cache.createSelfSignedKeyPair(invocation.subject, invocation.email, password, flags,
                                           invocation.credential),
       what);
+  session.change();
+  refuseExisting();
   for (const char* extension : {kKeyExtension, kCertExtension})
     commit.rename(commit.staged(baseName, extension), commit.stored(baseName, extension));
   commit.commit();

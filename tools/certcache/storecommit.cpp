@@ -1,9 +1,11 @@
 #include "storecommit.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <boost/filesystem/operations.hpp>
 #include <cerrno>
 #include <cstring>
@@ -18,15 +20,12 @@
 namespace tavik {
 namespace cli {
 
-const char kIntentRecord[] = ".certcache-intent";
 const char kStagingPlace[] = ".certcache-staging";
 
 namespace {
 
 namespace fs = boost::filesystem;
 
-constexpr char kRecordHeader[] = "certcache-intent 1";
-constexpr char kRecordEnd[] = "end";
 constexpr char kOutputList[] = "outputs";  // in the staging place: files begun outside
 
 [[noreturn]] void fail(const std::string& what, const std::string& path, int error) {
@@ -64,37 +63,11 @@ bool present(const std::string& path) {
   return ::lstat(path.c_str(), &info) == 0;
 }
 
-// Paths in the record: inside the root relative to it, so that a store moved
-// after a crash is still completed; outside it absolute.
-std::string recorded(const std::string& root, const std::string& path) {
-  const std::string prefix = root + "/";
-  return encodeFilename(path.compare(0, prefix.size(), prefix) == 0 ? path.substr(prefix.size())
-                                                                    : path);
-}
-std::string resolved(const std::string& root, const std::string& word) {
-  const std::string path = decodeFilename(word);
-  return !path.empty() && path[0] == '/' ? path : root + "/" + path;
-}
-
-// The steps of `root`'s record, in order; each "rename FROM TO" or "remove PATH".
-std::vector<std::vector<std::string>> readRecord(const std::string& root) {
-  std::ifstream in(root + "/" + kIntentRecord);
-  std::vector<std::vector<std::string>> steps;
-  std::string line;
-  bool ended = false;
-  const bool headed = std::getline(in, line) && line == kRecordHeader;
-  while (headed && !ended && std::getline(in, line)) {
-    std::istringstream words(line);
-    std::vector<std::string> step{std::istream_iterator<std::string>(words), {}};
-    ended = step.size() == 1 && step[0] == kRecordEnd;
-    const bool known =
-        (step.size() == 3 && step[0] == "rename") || (step.size() == 2 && step[0] == "remove");
-    if (!ended && !known) break;
-    for (std::size_t i = 1; i < step.size(); ++i) step[i] = resolved(root, step[i]);
-    if (!ended) steps.push_back(step);
-  }
-  if (!ended) {
-    throw ToolError(kExitIoError, "the intent record " + root + "/" + kIntentRecord +
+// The steps of `root`'s record, in order; none when there is no record.
+std::vector<IntentStep> readRecord(const std::string& root) {
+  std::vector<IntentStep> steps;
+  if (readIntentRecord(root, steps) == IntentRead::kDamaged) {
+    throw ToolError(kExitIoError, "the intent record " + root + "/" + kIntentRecordName +
                                       " is damaged; the change it names is for a person to finish");
   }
   return steps;
@@ -102,24 +75,64 @@ std::vector<std::vector<std::string>> readRecord(const std::string& root) {
 
 // Makes the steps, each of which may have been made already, and flushes the
 // directories they changed.
-void makeSteps(const std::vector<std::vector<std::string>>& steps) {
+void makeSteps(const std::vector<IntentStep>& steps) {
   std::set<std::string> changed;
-  for (const std::vector<std::string>& step : steps) {
-    const std::string& from = step[1];
+  for (const IntentStep& step : steps) {
+    const std::string& from = step.from;
     if (!present(from)) continue;  // renamed or removed already
-    if (step[0] == "rename" ? ::rename(from.c_str(), step[2].c_str()) != 0
-                            : ::unlink(from.c_str()) != 0 && errno != ENOENT) {
-      fail(step[0] == "rename" ? "cannot rename" : "cannot remove", from, errno);
+    if (step.rename ? ::rename(from.c_str(), step.to.c_str()) != 0
+                    : ::unlink(from.c_str()) != 0 && errno != ENOENT) {
+      fail(step.rename ? "cannot rename" : "cannot remove", from, errno);
     }
     changed.insert(parentOf(from));
-    if (step[0] == "rename") changed.insert(parentOf(step[2]));
+    if (step.rename) changed.insert(parentOf(step.to));
   }
   for (const std::string& directory : changed) flush(directory);
 }
 
-// Removes the staging place and whatever was begun beside outputs.
-void clearStaging(const std::string& root) {
-  const std::string staging = root + "/" + kStagingPlace;
+// Completes the record of `root`, if there is one, and removes it.
+void complete(const std::string& root) {
+  const std::string record = root + "/" + kIntentRecordName;
+  if (!present(record)) return;
+  makeSteps(readRecord(root));
+  if (::unlink(record.c_str()) != 0 && errno != ENOENT) fail("cannot remove", record, errno);
+  flush(root);
+}
+
+// Locks the staging place `staging` for its run: -1 when it cannot be opened.
+// `wait`: until its run's lock is free; else only when it is free now.
+int lockStaging(const std::string& staging, bool wait) {
+  const int fd = ::open(staging.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) return -1;
+  while (::flock(fd, LOCK_EX | (wait ? 0 : LOCK_NB)) != 0) {
+    if (errno == EINTR) continue;
+    const int error = errno;
+    ::close(fd);
+    errno = error;
+    return -1;
+  }
+  return fd;
+}
+
+// The staging places in `root` whose runs are gone (their lock is free), and
+// the one place of runs before staging places were a run's own.
+std::vector<std::string> deadStagingPlaces(const std::string& root) {
+  std::vector<std::string> dead;
+  boost::system::error_code error;
+  for (fs::directory_iterator it(root, error), end; !error && it != end; it.increment(error)) {
+    const std::string name = it->path().filename().string();
+    if (name.compare(0, std::strlen(kStagingPlace), kStagingPlace) != 0) continue;
+    const FileDescriptor lock(lockStaging(it->path().string(), false));
+    if (lock.isOpen() || !fs::is_directory(fs::symlink_status(it->path()))) {
+      dead.push_back(it->path().string());
+    }
+  }
+  std::sort(dead.begin(), dead.end());
+  return dead;
+}
+
+// Removes the staging place `staging` and whatever was begun beside outputs.
+void clearStaging(const std::string& staging) {
   std::ifstream outputs(staging + "/" + kOutputList);
   for (std::string word; outputs >> word;) ::unlink(decodeFilename(word).c_str());
   boost::system::error_code error;
@@ -130,29 +143,41 @@ void clearStaging(const std::string& root) {
 }  // namespace
 
 void StoreCommit::recover(const std::string& root) {
-  const bool recorded = present(root + "/" + kIntentRecord);
-  if (!recorded && !present(root + "/" + kStagingPlace)) return;
-  if (recorded) {
-    makeSteps(readRecord(root));
-    if (::unlink((root + "/" + kIntentRecord).c_str()) != 0 && errno != ENOENT)
-      fail("cannot remove", root + "/" + kIntentRecord, errno);
-    flush(root);
+  complete(root);
+  // Only now: a dead run's place may hold what its record renames.
+  for (const std::string& staging : deadStagingPlaces(root)) {
+    // Locked again while it goes, so that no run can take it up meanwhile.
+    const FileDescriptor lock(lockStaging(staging, false));
+    if (lock.isOpen() || !fs::is_directory(fs::symlink_status(staging))) clearStaging(staging);
   }
-  clearStaging(root);
 }
 
 std::vector<std::string> StoreCommit::leftovers(const std::string& root) {
   std::vector<std::string> found;
-  for (const char* name : {kIntentRecord, kStagingPlace}) {
-    if (present(root + "/" + name)) found.push_back(root + "/" + name);
-  }
+  if (present(root + "/" + kIntentRecordName)) found.push_back(root + "/" + kIntentRecordName);
+  const std::vector<std::string> dead = deadStagingPlaces(root);
+  found.insert(found.end(), dead.begin(), dead.end());
   return found;
 }
 
 StoreCommit::StoreCommit(const std::string& root, const std::string& subdirectory)
     : root_(fs::absolute(root).lexically_normal().string()), subdirectory_(subdirectory) {
   if (root_.size() > 1 && root_.back() == '/') root_.pop_back();
-  staging_ = root_ + "/" + kStagingPlace;
+  // A place that a recovering run removed between its making and its locking
+  // is made again.
+  for (;;) {
+    std::string pattern = root_ + "/" + kStagingPlace + "-XXXXXX";
+    if (::mkdtemp(&pattern[0]) == nullptr) fail("cannot make", pattern, errno);
+    staging_ = pattern;
+    stagingLock_.reset(lockStaging(staging_, true));
+    if (!stagingLock_.isOpen() && errno != ENOENT) fail("cannot lock", staging_, errno);
+    struct stat locked {};
+    struct stat named {};
+    if (stagingLock_.isOpen() && ::fstat(stagingLock_.get(), &locked) == 0 &&
+        ::lstat(staging_.c_str(), &named) == 0 && locked.st_ino == named.st_ino) {
+      break;
+    }
+  }
   boost::system::error_code error;
   fs::create_directories(cacheDirectory(staging_, subdirectory_.c_str()), error);
   if (error) fail("cannot make", staging_, error.value());
@@ -219,15 +244,15 @@ void StoreCommit::rename(const std::string& from, const std::string& to) {
 }
 
 void StoreCommit::remove(const std::string& path) {
-  steps_.push_back({false, fs::absolute(path).lexically_normal().string(), ""});
+  steps_.push_back({false, fs::absolute(path).lexically_normal().string(), std::string()});
 }
 
 void StoreCommit::commit() {
   // What cannot be made is refused before anything changes.
-  std::string record = std::string(kRecordHeader) + "\n";
+  std::vector<IntentStep> recorded;
   std::set<std::string> stagedDirectories = {
       staging_, cacheDirectory(staging_, subdirectory_.c_str()).string()};
-  for (const Step& step : steps_) {
+  for (const IntentStep& step : steps_) {
     if (!present(step.from)) continue;
     const std::string& target = step.rename ? step.to : step.from;
     if (fs::is_directory(fs::symlink_status(target))) {
@@ -237,18 +262,17 @@ void StoreCommit::commit() {
       flush(step.from);
       stagedDirectories.insert(parentOf(step.from));
     }
-    record += step.rename ? "rename " + recorded(root_, step.from) + " " + recorded(root_, step.to)
-                          : "remove " + recorded(root_, step.from);
-    record += "\n";
+    recorded.push_back(step);
   }
   for (const std::string& directory : stagedDirectories) flush(directory);
   const std::string beside = staging_ + "/intent";
-  writeFlushed(beside, record + kRecordEnd + "\n", O_EXCL);
-  const std::string intent = root_ + "/" + kIntentRecord;
+  writeFlushed(beside, intentRecordText(root_, recorded), O_EXCL);
+  const std::string intent = root_ + "/" + kIntentRecordName;
   if (::rename(beside.c_str(), intent.c_str()) != 0) fail("cannot write", intent, errno);
   flush(root_);
   committed_ = true;  // from here on the change has happened
-  recover(root_);
+  complete(root_);
+  clearStaging(staging_);
 }
 
 }  // namespace cli

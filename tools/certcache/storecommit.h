@@ -25,26 +25,28 @@
 
 #include "base/certificatefilter.h"
 #include "base/certificatestore.h"
+#include "base/filedescriptor.h"
+#include "base/intentrecord.h"
 #include "crypto/certificatefilecache.h"
 
 namespace tavik {
 namespace cli {
 
-extern const char kIntentRecord[];  // in the root
-extern const char kStagingPlace[];  // in the root
+extern const char kStagingPlace[];  // in the root: the prefix of every run's own
 
 class StoreCommit {
  public:
-  // Completes what a dead run left in `root`, if anything; the caller holds the
-  // exclusive lock. Throws ToolError 74 when a step cannot be made (the record
-  // then stays for the next run).
+  // Completes what a dead run left in `root`, if anything, and clears the
+  // staging places of dead runs; the caller holds the exclusive lock. Throws
+  // ToolError 74 when a step cannot be made (the record then stays for the
+  // next run).
   static void recover(const std::string& root);
-  // What an earlier run left unfinished in `root`: the record's and the
-  // staging place's paths, those that exist.
+  // What an earlier run left unfinished in `root`: the record's path when it
+  // exists, and the staging places of dead runs.
   static std::vector<std::string> leftovers(const std::string& root);
 
-  // Opens an empty staging place in `root` with the cache subdirectory
-  // `subdirectory`; the caller holds the exclusive lock and has recovered.
+  // Opens an empty staging place of this run's own in `root`, with the cache
+  // subdirectory `subdirectory`, and holds its lock. Needs no store lock.
   StoreCommit(const std::string& root, const std::string& subdirectory);
   // Without commit(), everything staged goes again.
   ~StoreCommit();
@@ -72,19 +74,16 @@ class StoreCommit {
   void rename(const std::string& from, const std::string& to);
   void remove(const std::string& path);
 
-  // Flushes what is staged, writes the record, makes its steps, and clears up.
-  // Throws ToolError 74 when the record cannot be written (nothing changed
-  // then) or a step cannot be made (the record stays for the next run).
+  // Flushes what is staged, writes the record, makes its steps, and clears up;
+  // the caller holds the exclusive lock and has recovered. Throws ToolError 74 when the record
+  // cannot be written (nothing changed then) or a step cannot be made (the record stays for the
+  // next run).
   void commit();
 
  private:
-  struct Step {
-    bool rename;
-    std::string from, to;  // `from` alone for a removal
-  };
-
   std::string root_, subdirectory_, staging_;
-  std::vector<Step> steps_;
+  FileDescriptor stagingLock_;  // held while the run lives
+  std::vector<IntentStep> steps_;
   std::vector<std::string> outputs_;  // files begun beside outputs, until committed
   std::unique_ptr<CertificateStore> store_;
   std::unique_ptr<CertFileCache> cache_;

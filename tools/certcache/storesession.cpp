@@ -77,17 +77,28 @@ StoreSession::StoreSession(const StoreOptions& options, StoreAccess access)
     filter_ = boost::make_shared<UserCertificateFilter>();
   }
   checkRoot(root);
-  if (access == StoreAccess::kCreate) {
+  if (access == StoreAccess::kCreate || access == StoreAccess::kPrepare) {
     makeDirectory(cacheDirectory(root, filter_->subdirectory()));
   } else {
     checkExists(root, "the store root");
     for (const std::string& location : options.locations) checkExists(location, "the location");
   }
-  if (access == StoreAccess::kWatch) {
-    store_ = std::make_unique<CertificateStore>(root, std::move(locations));
-    return;
-  }
+  store_ = std::make_unique<CertificateStore>(root, std::move(locations));
+  if (access != StoreAccess::kWatch && access != StoreAccess::kPrepare) lockAndScan(access);
+}
+
+void StoreSession::change() { lockAndScan(StoreAccess::kChange); }
+
+void StoreSession::release() {
+  cache_.reset();
+  lock_.reset();
+}
+
+void StoreSession::lockAndScan(StoreAccess access) {
+  const std::string& root = store_->getRoot();
   const bool reading = access == StoreAccess::kRead || access == StoreAccess::kInspect;
+  cache_.reset();
+  lock_.reset();
   lock_ = std::make_unique<StoreLock>(
       root, reading ? StoreLock::Mode::kShared : StoreLock::Mode::kExclusive);
   if (!reading) {
@@ -95,9 +106,7 @@ StoreSession::StoreSession(const StoreOptions& options, StoreAccess access)
   } else if (access == StoreAccess::kRead && !StoreCommit::leftovers(root).empty()) {
     completeForReading(root);
   }
-
-  store_ = std::make_unique<CertificateStore>(root, std::move(locations));
-  cache_ = std::make_unique<CertFileCache>(*store_, filter_, options.withKeys);
+  cache_ = std::make_unique<CertFileCache>(*store_, filter_, withKeys_);
 }
 
 // A reader that finds a change a dead run left completes it under the

@@ -34,8 +34,11 @@ std::string defaultStoreRoot();
 // changes a half change. Inspecting reads with a shared lock and leaves such
 // a change as it is, so that it can be reported.
 // kWatch: checked as for reading, but neither locked nor scanned: the store
-// watcher scans it and follows it for as long as it likes.
-enum class StoreAccess { kRead, kChange, kCreate, kInspect, kWatch };
+// watcher scans it and follows it for as long as it likes. kPrepare: checked
+// and made as for creating, but neither locked nor scanned yet: a command that
+// makes keys makes them first, in a staging place of its own, and then calls
+// change().
+enum class StoreAccess { kRead, kChange, kCreate, kInspect, kWatch, kPrepare };
 
 class StoreSession {
  public:
@@ -46,6 +49,15 @@ class StoreSession {
   StoreSession(const StoreOptions& options, StoreAccess access);
   StoreSession(const StoreSession&) = delete;
   StoreSession& operator=(const StoreSession&) = delete;
+
+  // Takes the exclusive lock (giving up a shared one first), completes what a
+  // dead run left and scans the store again, as kChange does: for a session
+  // that prepared a change without the lock. Whatever the command read before
+  // may have changed since; it checks again what it relies on.
+  void change();
+  // Gives up the lock and the cache: a command that has read what it needs
+  // makes its keys without keeping other runs waiting, then calls change().
+  void release();
 
   CertFileCache& cache() { return *cache_; }
   CertificateStore& store() { return *store_; }
@@ -60,6 +72,7 @@ class StoreSession {
 
  private:
   void completeForReading(const std::string& root);
+  void lockAndScan(StoreAccess access);
 
   std::unique_ptr<StoreLock> lock_;  // held until the cache is gone
   std::unique_ptr<CertificateStore> store_;
