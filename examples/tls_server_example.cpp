@@ -1,12 +1,17 @@
 // A TLS server that authenticates its clients by the authorities of a `ca`
-// store that a CertStoreWatcher follows: an authority installed with the tool
-// is trusted from the next handshake, a removed one is refused, without a
+// store that a CertStoreWatcher follows, and refuses those that the store's
+// revocation lists revoke: an authority installed with the tool is trusted
+// from the next handshake, a removed one is refused, and a list kept with
+// `certcache crl add` is in force from the next handshake, without a
 // restart. A trust set that fails to build (no authority, one unreadable)
 // leaves the last good one in force. Each client that is let in is answered
-// "hello " and its certificate's common name (else its e-mail address). The server serves at most
-// CONNECTIONS clients or SECONDS seconds, then ends by itself.
+// "hello " and its certificate's common name (else its e-mail address); one
+// refused is told in the output with OpenSSL's reason ("certificate
+// revoked"). The server serves at most CONNECTIONS clients or SECONDS
+// seconds, then ends by itself.
 //
 //   certcache --store CAS --kind ca --no-keys install ca.crt
+//   certcache --store CAS crl add ca.crl
 //   tls_server_example CAS server.crt server.key PORT CONNECTIONS SECONDS
 //   openssl s_client -connect 127.0.0.1:PORT -cert user.crt -key user.key
 #include <arpa/inet.h>
@@ -33,18 +38,31 @@ using SslCtxPtr = tavik::OpenSSLPtr<SSL_CTX, SSL_CTX_free>;
 using SslPtr = tavik::OpenSSLPtr<SSL, SSL_free>;
 using X509StorePtr = tavik::OpenSSLPtr<X509_STORE, X509_STORE_free>;
 
-// Every authority of the index, or null when there is none or one cannot be read.
-static X509StorePtr buildTrust(const tavik::CertFileCache& index) {
+// A client whose issuer keeps no list is let in: only a list that names it
+// refuses it. Any other failure stands.
+static int allowUnlisted(int ok, X509_STORE_CTX* context) {
+  return ok == 1 || X509_STORE_CTX_get_error(context) == X509_V_ERR_UNABLE_TO_GET_CRL ? 1 : 0;
+}
+
+// Every authority of the moment's index, and its revocation lists checked for
+// every certificate of a client's path; null when there is no authority or
+// one cannot be read.
+static X509StorePtr buildTrust(const tavik::StoreMoment& moment) {
   std::vector<std::string> ids;
-  if (index.listIds(ids) == 0) return nullptr;
+  if (moment.index->listIds(ids) == 0) return nullptr;
   X509StorePtr trust(X509_STORE_new());
   for (const std::string& id : ids) {
     int error = 0;
-    auto authority = index.getCertificateOnly(id, error, true);
+    auto authority = moment.index->getCertificateOnly(id, error, true);
     if (!trust || !authority || X509_STORE_add_cert(trust.get(), authority->getX509()) != 1) {
       return nullptr;
     }
   }
+  for (const tavik::KeptRevocationList& list : moment.revocationLists->lists()) {
+    if (X509_STORE_add_crl(trust.get(), list.list->get()) != 1) return nullptr;
+  }
+  X509_STORE_set_flags(trust.get(), X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
+  X509_STORE_set_verify_cb(trust.get(), allowUnlisted);
   return trust;
 }
 
@@ -101,8 +119,9 @@ int main(int argc, char** argv) {
     ++served;
     // Before the handshake: the authorities of the newest index, unless they fail to build.
     if (watcher.generation() != trusted) {
-      trusted = watcher.generation();
-      X509StorePtr trust = buildTrust(*watcher.current());
+      const tavik::StoreMoment moment = watcher.moment();
+      trusted = moment.generation;
+      X509StorePtr trust = buildTrust(moment);
       if (trust) SSL_CTX_set1_cert_store(ctx.get(), trust.get());
       std::cout << (trust ? "trust: rebuilt" : "trust: kept the last good set") << std::endl;
     }
@@ -120,7 +139,11 @@ int main(int argc, char** argv) {
       }
       std::cout << line << std::flush;
     } else {
-      const char* reason = ERR_reason_error_string(ERR_peek_last_error());
+      // A certificate that did not verify says why; anything else, OpenSSL's error.
+      const long verified = ssl ? SSL_get_verify_result(ssl.get()) : X509_V_OK;
+      const char* reason = verified != X509_V_OK
+                               ? X509_verify_cert_error_string(verified)
+                               : ERR_reason_error_string(ERR_peek_last_error());
       std::cout << "refused: " << (reason ? reason : "no handshake") << std::endl;
     }
     ERR_clear_error();

@@ -1,14 +1,15 @@
 #!/bin/sh
 # The TLS example follows its `ca` store without a restart: a client whose
 # authority is installed is let in, refused once the tool removed it, let in
-# again once it is back; a store left with no authority keeps the last good
-# trust set. Usage: tls_server_test.sh SERVER CERTCACHE SCRATCH
+# again once it is back, refused within a second of its authority's list that
+# revokes it being kept, and the server says why; a store left with no
+# authority keeps the last good trust set. Usage: tls_server_test.sh SERVER CERTCACHE SCRATCH
 set -eu
 server=$1 tool=$2 dir=$3
 rm -rf "$dir" && mkdir -p "$dir/cas/ca" "$dir/u/user" && cd "$dir"
 ca() {  # a self-signed authority: $1.crt, $1.key
   openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 -subj "/CN=$1" \
-    -addext basicConstraints=critical,CA:TRUE -addext keyUsage=keyCertSign -keyout "$1.key" \
+    -addext basicConstraints=critical,CA:TRUE -addext keyUsage=keyCertSign,cRLSign -keyout "$1.key" \
     -out "$1.crt" 2>/dev/null
 }
 ca userca && ca otherca && ca server
@@ -49,4 +50,15 @@ cas remove userca
 sleep 1
 expect accepted "no authority left: the last good set stays"
 grep -q "trust: kept the last good set" server.out
+cas install userca.crt
+expect accepted "authority installed once more"
+# The authority revokes the client; the list it issues is kept while the server runs.
+printf '[ca]\ndefault_ca=d\n[d]\ndatabase=db\ncrlnumber=n\ndefault_md=sha256\n' >ca.cnf
+: >db && echo 01 >n
+openssl ca -config ca.cnf -keyfile userca.key -cert userca.crt -revoke u.crt 2>/dev/null
+openssl ca -config ca.cnf -keyfile userca.key -cert userca.crt -gencrl -crldays 2 -out u.crl \
+  2>/dev/null
+cas crl add u.crl
+expect refused "the client revoked"
+grep -q "refused: certificate revoked" server.out
 echo "the TLS server follows its authorities"

@@ -215,6 +215,14 @@ std::vector<std::shared_ptr<Certificate>> CertificateChain::candidates(
   return found;
 }
 
+std::vector<std::shared_ptr<Certificate>> CertificateChain::authorities() const {
+  std::vector<std::shared_ptr<Certificate>> all;
+  for (const Authority& authority : authorities_) {
+    if (authority.accepted) all.push_back(authority.certificate);
+  }
+  return all;
+}
+
 bool CertificateChain::holds(const std::string& der) const {
   const auto range = byDer_.equal_range(std::hash<std::string>()(der));
   return std::any_of(range.first, range.second, [&](const auto& entry) {

@@ -87,6 +87,8 @@ class CertificateChain {
 
   // Whether the index holds a certificate of exactly these DER bytes.
   bool holds(const std::string& der) const;
+  // Every authority of the index, in search order.
+  std::vector<std::shared_ptr<Certificate>> authorities() const;
 
   // The authorities of the index whose subject is `name` (borrowed), in search
   // order: the candidates for the issuer of a certificate or of a revocation

@@ -23,6 +23,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <tuple>
 #include <unordered_map>
 #include <utility>
 
@@ -55,6 +56,9 @@ constexpr std::time_t kSettleSeconds = 1;
 // An entered certificate file that reads as nothing this soon after it was
 // written is read again this much later before it leaves the index.
 constexpr int kSettleMilliseconds = 100;
+
+// The authorities' subdirectory of every location, beside the cache directory.
+const char* const kAuthorities = AuthorityCertificateFilter().subdirectory();
 
 // The location index of the watch on the store's root, where the intent record lies.
 constexpr std::size_t kRoot = static_cast<std::size_t>(-1);
@@ -98,8 +102,8 @@ class CertStoreWatcher::Follower {
            bool withPrivateKeys, const std::vector<std::string>& locations,
            const std::string& subdirectory);
 
-  // Watches what can be watched, then scans everything: the first index.
-  std::shared_ptr<const CertFileCache> start();
+  // Watches what can be watched, then scans everything: the first moment.
+  StoreMoment start();
   // Until `stop_` is signalled: waits for changes and hands each new index to `publish`.
   void run(CertStoreWatcher& watcher);
   void stop() const;
@@ -109,6 +113,10 @@ class CertStoreWatcher::Follower {
     std::string location, directory;
     int directoryWatch = -1, locationWatch = -1;
     CompactStringMap files;  // entered file name -> identifier
+    // The authorities' and the revocation lists' directories: any change of a
+    // file there makes the authorities or the lists anew.
+    std::string authorities, lists;
+    int authoritiesWatch = -1, listsWatch = -1;
   };
   struct Touched {
     std::size_t location;
@@ -120,7 +128,9 @@ class CertStoreWatcher::Follower {
     std::vector<Touched> touched;
     std::set<std::size_t> relist;
     bool everything = false;
-    bool record = false;  // the intent record came or went
+    bool record = false;       // the intent record came or went
+    bool authorities = false;  // a file of a `ca` directory changed
+    bool lists = false;        // a file of a `crl` directory changed
   };
   // A file that the intent record names -> the places its content is to be
   // read from, in turn (none: it is absent).
@@ -131,6 +141,15 @@ class CertStoreWatcher::Follower {
   }
 
   void watch(std::size_t location);
+  // Watches a directory beside the cache directory; false when it was watched already.
+  bool watchBeside(std::size_t location, const std::string& directory, int& watch);
+  // Whether `event` was one of a directory beside the cache directory of
+  // `location`; it then marks what changed in `batch`.
+  bool onBesideEvent(const inotify_event& event, const std::string& name, std::size_t location,
+                     Batch& batch);
+  // Makes the authorities and the lists anew where `batch` touched them; true
+  // when they differ from those published.
+  bool refreshBeside(const Batch& batch);
   bool readEvents(Batch& batch);
   void onEvent(const inotify_event& event, Batch& batch);
   void touchCertificates(std::size_t location, const std::string& name, bool rewritten,
@@ -169,6 +188,13 @@ class CertStoreWatcher::Follower {
   // The scan's rules are the cache's: an empty cache of the same kind reads the files.
   std::unique_ptr<CertFileCache> reader_;
   std::shared_ptr<const CertFileCache> published_;
+  std::shared_ptr<const CertificateChain> authorities_;
+  std::shared_ptr<const RevocationLists> lists_;
+  // The cache directory is the authorities' own: its changes are theirs too.
+  bool ownAuthorities_ = false;
+  // Key files created and not yet closed: the close that ends their creation
+  // completes a pair written file by file, it replaces no key.
+  std::set<std::pair<std::size_t, std::string>> keysBeingCreated_;
   CertificateIndex working_;  // the next index; shares all it did not change with published_
   Held held_;
   std::shared_ptr<const CertFileCache::Redirects> redirects_;  // held_ for lookups
@@ -199,7 +225,10 @@ CertStoreWatcher::Follower::Follower(CertificateStore& store,
     locations_.emplace_back();
     locations_.back().location = location;
     locations_.back().directory = cacheDirectory(location, subdirectory.c_str()).string();
+    locations_.back().authorities = cacheDirectory(location, kAuthorities).string();
+    locations_.back().lists = cacheDirectory(location, kRevocationSubdirectory).string();
   }
+  ownAuthorities_ = subdirectory == kAuthorities;
   if (!stop_.isOpen()) throwError("eventfd", std::string(), errno);
   if (!notify_.isOpen()) {
     TAVIK_LOG_WARNING(logHandle) << "No change notification (" << std::to_string(errno)
@@ -207,7 +236,7 @@ CertStoreWatcher::Follower::Follower(CertificateStore& store,
   }
 }
 
-std::shared_ptr<CertFileCache const> CertStoreWatcher::Follower::start() {
+StoreMoment CertStoreWatcher::Follower::start() {
   // Watches first, so that no change made during the scan goes unseen.
   watch(kRoot);
   for (std::size_t i = 0; i < locations_.size(); ++i) watch(i);
@@ -220,7 +249,11 @@ std::shared_ptr<CertFileCache const> CertStoreWatcher::Follower::start() {
     failed_ = true;
     working_ = CertificateIndex();
   }
-  return published_ = snapshot();
+  Batch everything;
+  everything.everything = true;
+  refreshBeside(everything);
+  published_ = snapshot();
+  return {published_, authorities_, lists_, 1};
 }
 
 void CertStoreWatcher::Follower::watch(std::size_t i) {
@@ -242,6 +275,66 @@ void CertStoreWatcher::Follower::watch(std::size_t i) {
         ::inotify_add_watch(notify_.get(), location.directory.c_str(), kDirectoryEvents);
     if (location.directoryWatch >= 0) watches_.emplace(location.directoryWatch, i);
   }
+  if (!ownAuthorities_) watchBeside(i, location.authorities, location.authoritiesWatch);
+  watchBeside(i, location.lists, location.listsWatch);
+}
+
+bool CertStoreWatcher::Follower::watchBeside(std::size_t i, const std::string& directory,
+                                             int& watch) {
+  if (watch >= 0) return false;
+  watch = ::inotify_add_watch(notify_.get(), directory.c_str(), kDirectoryEvents);
+  if (watch >= 0) watches_.emplace(watch, i);
+  return watch >= 0;
+}
+
+bool CertStoreWatcher::Follower::onBesideEvent(const inotify_event& event, const std::string& name,
+                                               std::size_t i, Batch& batch) {
+  Location& location = locations_[i];
+  const bool ofLocation = event.wd == location.locationWatch;
+  for (const auto& [subdirectory, watch, touched] :
+       {std::make_tuple(kAuthorities, &location.authoritiesWatch, &batch.authorities),
+        std::make_tuple(kRevocationSubdirectory, &location.listsWatch, &batch.lists)}) {
+    if (ofLocation ? name != subdirectory || name == filter_->subdirectory() : event.wd != *watch) {
+      continue;
+    }
+    *touched = true;
+    // The directory itself went, came or was replaced: it is watched anew.
+    if (ofLocation || (event.mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF)) != 0) {
+      if (*watch >= 0 && (event.mask & IN_IGNORED) == 0) ::inotify_rm_watch(notify_.get(), *watch);
+      if (*watch >= 0) watches_.erase(*watch);
+      *watch = -1;
+    }
+    return !ofLocation;
+  }
+  return false;
+}
+
+bool CertStoreWatcher::Follower::refreshBeside(const Batch& batch) {
+  const bool authorities = batch.authorities || batch.everything || !authorities_;
+  const bool lists = authorities || batch.lists;
+  std::shared_ptr<const CertificateChain> newAuthorities = authorities_;
+  if (authorities) newAuthorities = std::make_shared<const CertificateChain>(store_);
+  if (!lists) return false;
+  auto newLists = std::make_shared<const RevocationLists>(store_, *newAuthorities);
+  const auto ders = [](const std::vector<std::shared_ptr<Certificate>>& certificates) {
+    std::vector<std::string> all;
+    for (const auto& certificate : certificates) all.push_back(certificate->der());
+    return all;
+  };
+  const auto kept = [](const RevocationLists& index) {
+    std::vector<std::string> all;
+    for (const KeptRevocationList& list : index.lists())
+      all.push_back(list.file + list.list->der());
+    return all;
+  };
+  // What did not change is not published again: polling looks every second.
+  const bool same = authorities_ && lists_ &&
+                    ders(authorities_->authorities()) == ders(newAuthorities->authorities()) &&
+                    kept(*lists_) == kept(*newLists);
+  if (same) return false;
+  authorities_ = std::move(newAuthorities);
+  lists_ = std::move(newLists);
+  return true;
 }
 
 void CertStoreWatcher::Follower::stop() const {
@@ -259,18 +352,25 @@ void CertStoreWatcher::Follower::run(CertStoreWatcher& watcher) {
     if (!notify_.isOpen()) batch.everything = true;  // polling: every second, everything
     retryWatches(batch);
     if (batch.record || batch.everything) readRecord(batch);
+    // A watcher of the authorities' own directory: its changes are theirs too.
+    batch.authorities =
+        batch.authorities || (ownAuthorities_ && (!batch.touched.empty() || !batch.relist.empty()));
     // A failed scan is tried again on the next change, not on every tick.
-    if (batch.touched.empty() && batch.relist.empty() && !batch.everything) continue;
+    if (batch.touched.empty() && batch.relist.empty() && !batch.everything && !batch.authorities &&
+        !batch.lists) {
+      continue;
+    }
     StoreChanges changes;
     try {
       apply(batch, changes);
       failed_ = false;
+      const bool beside = refreshBeside(batch);
       if (changes.added.empty() && changes.removed.empty() && changes.changed.empty() &&
-          !batch.record) {
+          !batch.record && !beside) {
         continue;
       }
       published_ = snapshot();
-      watcher.publish(published_, changes);
+      watcher.publish({published_, authorities_, lists_, 0}, changes, beside);
     } catch (const boost::filesystem::filesystem_error& error) {
       TAVIK_LOG_ERROR(logHandle) << "Rescanning the store failed, keeping the last index: "
                                  << error.what();
@@ -321,6 +421,7 @@ void CertStoreWatcher::Follower::onEvent(const inotify_event& event, Batch& batc
       continue;
     }
     Location& location = locations_[i];
+    if (onBesideEvent(event, name, i, batch)) continue;
     if (event.wd == location.locationWatch) {
       if ((event.mask & IN_IGNORED) != 0) location.locationWatch = -1;
       // The cache directory itself came, went or was replaced.
@@ -342,8 +443,19 @@ void CertStoreWatcher::Follower::onEvent(const inotify_event& event, Batch& batc
       continue;
     }
     // What the record holds changes when the record does, not when its files move.
-    const bool rewritten = (event.mask & (IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE)) != 0 &&
-                           held_.count({i, name}) == 0;
+    const bool held = held_.count({i, name}) != 0;
+    bool rewritten = (event.mask & (IN_CLOSE_WRITE | IN_MOVED_TO | IN_CREATE)) != 0 && !held;
+    if (CertFileCache::certExtensionAt(name) == std::string::npos) {
+      // A key is replaced when one is moved or written over it; the close that
+      // ends a key's creation completes a pair, which the certificate's events tell.
+      const bool created = (event.mask & IN_CREATE) != 0;
+      if (created) keysBeingCreated_.emplace(i, name);
+      const bool creationEnds =
+          (event.mask & (IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM)) != 0 &&
+          keysBeingCreated_.erase({i, name}) != 0;
+      rewritten = withPrivateKeys_ && !held && !created && !creationEnds &&
+                  (event.mask & (IN_CLOSE_WRITE | IN_MOVED_TO)) != 0;
+    }
     touchCertificates(i, name, rewritten, batch);
   }
 }
@@ -363,7 +475,7 @@ void CertStoreWatcher::Follower::touchCertificates(std::size_t i, const std::str
     for (int letter = 0; letter < 3; ++letter) {
       if ((variant & (1 << letter)) != 0) certName[length + 1 + letter] -= 'a' - 'A';
     }
-    batch.touched.push_back({i, certName, false});
+    batch.touched.push_back({i, certName, rewritten});
   }
 }
 
@@ -373,9 +485,13 @@ void CertStoreWatcher::Follower::retryWatches(Batch& batch) {
     batch.record = batch.record || rootWatch_ >= 0;
   }
   for (std::size_t i = 0; i < locations_.size(); ++i) {
-    const bool hadDirectory = locations_[i].directoryWatch >= 0;
+    Location& location = locations_[i];
+    const bool hadDirectory = location.directoryWatch >= 0;
+    const bool hadAuthorities = location.authoritiesWatch >= 0, hadLists = location.listsWatch >= 0;
     watch(i);
-    if (!hadDirectory && locations_[i].directoryWatch >= 0) batch.relist.insert(i);
+    if (!hadDirectory && location.directoryWatch >= 0) batch.relist.insert(i);
+    batch.authorities = batch.authorities || (!hadAuthorities && location.authoritiesWatch >= 0);
+    batch.lists = batch.lists || (!hadLists && location.listsWatch >= 0);
   }
 }
 
@@ -642,7 +758,6 @@ CertStoreWatcher::CertStoreWatcher(CertificateStore& store,
   subdirectory_ = filter->subdirectory();
   follower_ = std::make_unique<Follower>(store, filter, withPrivateKeys, locations_, subdirectory_);
   current_ = follower_->start();
-  generation_ = 1;
   thread_ = std::thread([this] { follower_->run(*this); });
 }
 
@@ -653,18 +768,23 @@ CertStoreWatcher::~CertStoreWatcher() {
 
 std::shared_ptr<const CertFileCache> CertStoreWatcher::current() const {
   const std::lock_guard<std::mutex> lock(mutex_);
+  return current_.index;
+}
+
+StoreMoment CertStoreWatcher::moment() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
   return current_;
 }
 
 std::uint64_t CertStoreWatcher::generation() const {
   const std::lock_guard<std::mutex> lock(mutex_);
-  return generation_;
+  return current_.generation;
 }
 
 bool CertStoreWatcher::waitForNewer(std::uint64_t generation,
                                     std::chrono::milliseconds timeout) const {
   std::unique_lock<std::mutex> lock(mutex_);
-  return published_.wait_for(lock, timeout, [&] { return generation_ > generation; });
+  return published_.wait_for(lock, timeout, [&] { return current_.generation > generation; });
 }
 
 void CertStoreWatcher::setListener(std::function<void(const StoreChanges&)> listener) {
@@ -672,17 +792,16 @@ void CertStoreWatcher::setListener(std::function<void(const StoreChanges&)> list
   listener_ = std::move(listener);
 }
 
-void CertStoreWatcher::publish(std::shared_ptr<const CertFileCache> index,
-                               const StoreChanges& changes) {
+void CertStoreWatcher::publish(StoreMoment moment, const StoreChanges& changes, bool sides) {
   std::function<void(const StoreChanges&)> listener;
   const bool changed =
-      !changes.added.empty() || !changes.removed.empty() || !changes.changed.empty();
+      sides || !changes.added.empty() || !changes.removed.empty() || !changes.changed.empty();
   {
     const std::lock_guard<std::mutex> lock(mutex_);
-    current_ = std::move(index);
+    moment.generation = current_.generation + (changed ? 1 : 0);
+    current_ = std::move(moment);
     // The same index read through other places: no new generation.
     if (!changed) return;
-    ++generation_;
     listener = listener_;
   }
   published_.notify_all();
@@ -696,14 +815,36 @@ void CertStoreWatcher::publish(std::shared_ptr<const CertFileCache> index,
 std::shared_ptr<Certificate> CertStoreWatcher::getCertificate(const std::string& id,
                                                               const std::string& password,
                                                               int& errorCode) const {
+  StoreMoment moment;
+  return find(id, password, errorCode, moment);
+}
+
+ChainedCredential CertStoreWatcher::getCredential(const std::string& id,
+                                                  const std::string& password,
+                                                  int& errorCode) const {
+  StoreMoment moment;
+  ChainedCredential credential;
+  credential.certificate = find(id, password, errorCode, moment);
+  if (!credential.certificate) return credential;
+  const std::vector<std::shared_ptr<Certificate>> path =
+      moment.authorities->build(credential.certificate);
+  credential.complete = CertificateChain::isComplete(path);
+  credential.authorities.assign(path.begin() + 1, path.end());
+  return credential;
+}
+
+std::shared_ptr<Certificate> CertStoreWatcher::find(const std::string& id,
+                                                    const std::string& password, int& errorCode,
+                                                    StoreMoment& moment) const {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kSettleSeconds);
   // Short pauses: a writer that rewrites the pair again and again leaves it whole
   // for moments only, and each look is a chance to meet one.
   const std::chrono::milliseconds longestPause(5);
   for (std::chrono::milliseconds pause(1);; pause = std::min(2 * pause, longestPause)) {
-    const std::shared_ptr<const CertFileCache> index = current();
-    std::shared_ptr<Certificate> found = index->getCertificate(id, password, errorCode, true);
-    if (found || !caughtBetweenWrites(*index, id, errorCode) ||
+    moment = this->moment();
+    const CertFileCache& index = *moment.index;
+    std::shared_ptr<Certificate> found = index.getCertificate(id, password, errorCode, true);
+    if (found || !caughtBetweenWrites(index, id, errorCode) ||
         std::chrono::steady_clock::now() + pause > deadline) {
       return found;
     }

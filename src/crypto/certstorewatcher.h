@@ -11,6 +11,13 @@
 // certificate only when its key lies beside it. Readers take current() and
 // look up in it from any number of threads; nothing they hold ever changes.
 //
+// Beside the index, the watcher follows the authorities (the `ca` directories
+// of every location) and the revocation lists (the `crl` directories) and
+// publishes them with it, as one moment (moment()): a CertificateChain and a
+// RevocationLists made anew whenever a file of theirs changes, so that a
+// program that presents a chain or checks revocation on each connection takes
+// a rotated intermediate or a new list within a second, without a restart.
+//
 // Each published index shares with the one before it all that did not change
 // (CertificateIndex): a change costs the watcher the files it touched and one
 // shard of the index, not a copy of the whole store's index.
@@ -51,14 +58,27 @@
 #include "base/certificate.h"
 #include "base/certificatefilter.h"
 #include "base/certificatestore.h"
+#include "crypto/certificatechain.h"
 #include "crypto/certificatefilecache.h"
+#include "crypto/revocationlists.h"
 
 namespace tavik {
 
 // What one publication changed: identifiers that entered the index, that left
-// it, and whose certificate file was rewritten or whose base name changed.
+// it, and whose certificate or key was replaced or whose base name changed.
+// A pair written file by file in one burst (certificate, then key) is one
+// addition. A publication that changed only the authorities or the lists
+// names no identifier.
 struct StoreChanges {
   std::vector<std::string> added, removed, changed;
+};
+
+// Everything the watcher published at one moment. Never null members.
+struct StoreMoment {
+  std::shared_ptr<const CertFileCache> index;
+  std::shared_ptr<const CertificateChain> authorities;
+  std::shared_ptr<const RevocationLists> revocationLists;
+  std::uint64_t generation = 0;
 };
 
 class CertStoreWatcher {
@@ -78,7 +98,12 @@ class CertStoreWatcher {
   // Never null: the constructor returns after a first full scan. Callers must
   // not load() it: it is shared.
   std::shared_ptr<const CertFileCache> current() const;
-  // Grows by one with every published index; the first scan's is 1.
+  // The index, the authorities and the revocation lists of one moment, and its
+  // generation: what a reader needs to look a credential up, build its chain
+  // and check it, all as the store stood at once.
+  StoreMoment moment() const;
+  // Grows by one with every publication (a new index, new authorities or new
+  // lists); the first scan's is 1.
   std::uint64_t generation() const;
   // True once an index newer than `generation` is published, false after `timeout`.
   bool waitForNewer(std::uint64_t generation, std::chrono::milliseconds timeout) const;
@@ -95,22 +120,30 @@ class CertStoreWatcher {
   // failure is reported.
   std::shared_ptr<Certificate> getCertificate(const std::string& id, const std::string& password,
                                               int& errorCode) const;
+  // getCertificate with the chain above the certificate, built from the
+  // authorities of the moment the certificate was found in: for a TLS
+  // context's certificate, key and chain, or a signature's extra certificates.
+  ChainedCredential getCredential(const std::string& id, const std::string& password,
+                                  int& errorCode) const;
 
  private:
   class Follower;  // the watcher thread's state: what each file gave, the notification
 
-  // Makes `index` current and tells the listener; on the watcher's thread.
-  void publish(std::shared_ptr<const CertFileCache> index, const StoreChanges& changes);
+  // Makes `moment` current and tells the listener; on the watcher's thread.
+  // `sides`: the authorities or the lists are new.
+  void publish(StoreMoment moment, const StoreChanges& changes, bool sides);
+  // getCertificate, and the moment whose index found it.
+  std::shared_ptr<Certificate> find(const std::string& id, const std::string& password,
+                                    int& errorCode, StoreMoment& moment) const;
   // Whether a failed lookup of `id` met files that are still being written.
   bool caughtBetweenWrites(const CertFileCache& index, const std::string& id, int errorCode) const;
 
   std::vector<std::string> locations_;  // as the store gave them when the watcher was made
   std::string subdirectory_;
 
-  mutable std::mutex mutex_;  // guards current_, generation_ and listener_
+  mutable std::mutex mutex_;  // guards current_ and listener_
   mutable std::condition_variable published_;
-  std::shared_ptr<const CertFileCache> current_;
-  std::uint64_t generation_ = 0;
+  StoreMoment current_;
   std::function<void(const StoreChanges&)> listener_;
 
   std::unique_ptr<Follower> follower_;
