@@ -85,7 +85,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "\n.*"},
     {"files al_at_x", 0, "certificate: root/user/al_at_x.crt\nkey: root/user/al_at_x.key\n"},
     {"show al@x", 0, "~id: al@x\nbase_name: al_at_x\nsubject: CN=al@x\nissuer: CN=al@x\n"
-     "serial: 01\npublic_key: RSA 1024\nsignature: sha256WithRSAEncryption\nnot_before: 2010-01-01T00:00:00Z\nnot_after: 2037-01-01T00:00:00Z\n"
+     "serial: 01\npublic_key: RSA 1024\nsignature: sha256WithRSAEncryption\ncrl_distribution_points: \nnot_before: 2010-01-01T00:00:00Z\nnot_after: 2037-01-01T00:00:00Z\n"
      "expired: false\nnot_yet_valid: false\nsha256: [0-9a-f]{64}\nhas_key: false\n"},
     {"show b@x --json --log trace " + kPass, 0, "~\\{\n  \"id\": \"b@x\",\n  \"base_name\": "
      "\"b_at_x\",\n  \"subject\": \"CN=b@x\",\n.*\n  \"has_key\": true\n\\}\n"},
