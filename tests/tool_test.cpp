@@ -1,6 +1,8 @@
 // The certcache tool run as an operator runs it: one walk along certificates' roads, with the
 // openssl tool as the authority and as an outside reader, every source of passwords, and bad
 // input that must each end in its exit status, one line of the tool's own and no change.
+#include <regex>
+
 #include "crypto/certstorewatcher.h"
 #include "support/storetest.h"
 
@@ -255,7 +257,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
     // Verification, PKCS#12 both ways with the openssl tool, and a store that needs a look.
     {"verify cy@x --ca ca.crt", 0, "cy@x: OK\n"},
     {"!c --store root --json verify al@x --ca ca.crt; echo $?", 0, "{\n  \"id\": \"al@x\",\n  "
-     "\"ok\": false,\n  \"reason\": \"self-signed certificate\"\n}\n65\n"},
+     "\"ok\": false,\n  \"reason\": \"self-signed certificate\",\n  \"revocation\": \"unknown\"\n}\n65\n"},
     {"verify cy@x --ca none.pem", 66, "cannot read"}, {"verify cy@x --ca m.key", 65, "no PEM"},
     {kPass + " export cy@x --passout pass:p12 --out cy.p12", 0,
      "wrote the certificate and key of cy@x with 1 authority to cy.p12\n"},

@@ -291,13 +291,26 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   CLI::App* verify = app.add_subcommand(
       "verify",
       "Whether a certificate chains to an authority of the store (its self-signed ones "
-      "trusted, the others as intermediates), or with --ca to one in FILE (PEM); exit 65 if not");
+      "trusted, the others as intermediates), or with --ca to one in FILE (PEM), and whether "
+      "the revocation lists kept in the store (crl add) revoke any certificate of its path; "
+      "exit 65 if it does not chain or is revoked");
   addIdArgument(*verify, invocation);
   verify
       ->add_option("--ca", invocation.caFile,
-                   "The authorities' certificates to trust instead, e.g. --ca ca.pem")
+                   "The authorities' certificates to trust instead, e.g. --ca ca.pem; the store's "
+                   "revocation lists still apply")
       ->type_name("FILE");
-  describeCommand(*verify, "verify alice@example.org --ca /etc/ssl/certs/ca-certificates.crt");
+  verify
+      ->add_option("--crl-check", invocation.crlCheck,
+                   "Which certificates of the path are checked against their issuer's list: all "
+                   "(the root too, against its own list, as openssl verify -crl_check_all does), "
+                   "leaf (the certificate alone) or off, e.g. --crl-check leaf. Default: all")
+      ->type_name("all|leaf|off")
+      ->check(oneOf({"all", "leaf", "off"}));
+  verify->add_flag("--require-crl", invocation.requireCrl,
+                   "Fail (65) when revocation is unknown: a certificate checked whose issuer has "
+                   "no list kept, or one past its nextUpdate; without it that is no failure");
+  describeCommand(*verify, "verify alice@example.org --require-crl");
 
   CLI::App* exportCommand = app.add_subcommand(
       "export",

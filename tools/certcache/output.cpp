@@ -159,15 +159,20 @@ void printFindings(std::ostream& out, const std::vector<Finding>& findings, bool
   }
 }
 
-void printVerification(std::ostream& out, const std::string& id, const std::string& reason,
-                       bool json) {
+void printVerification(std::ostream& out, const VerificationRecord& record, bool json) {
+  const std::string& reason = record.reason;
   if (json) {
-    writeJson(out, Json{{"id", id},
-                        {"ok", reason.empty()},
-                        {"reason", reason.empty() ? Json(nullptr) : Json(reason)}});
+    const std::string detailed =
+        record.detail.empty() ? reason : reason + " (" + record.detail + ")";
+    Json verified{{"id", record.id},
+                  {"ok", reason.empty()},
+                  {"reason", reason.empty() ? Json(nullptr) : Json(detailed)}};
+    if (!record.revocation.empty()) verified["revocation"] = record.revocation;
+    if (!record.revokedAt.empty()) verified["revoked_at"] = record.revokedAt;
+    writeJson(out, verified);
     return;
   }
-  out << id << (reason.empty() ? ": OK" : ": FAILED: " + reason) << '\n';
+  out << record.id << (reason.empty() ? ": OK" : ": FAILED: " + reason) << '\n';
 }
 
 }  // namespace cli
