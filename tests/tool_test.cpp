@@ -252,8 +252,9 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "_certcache; echo \"${COMPREPLY[*]}\"; } && t ch && t --store root show c && t list --pe && t "
      "--kind \"\" && t renew --key ec'", 0, "check\ncy@x\n--pending\nuser ca\nec:P-256 ec:P-384\n"},
     {"!PATH=${B%/*}:$PATH X=$X bash -c '. $X && t() { COMP_WORDS=(certcache \"$@\"); COMP_CWORD=$#; "
-     "_certcache; echo \"${COMPREPLY[*]}\"; } && t cr && t crl l && t crl add hu'", 0,
-     "crl\nlist\nhuge.crl\n"},
+     "_certcache; echo \"${COMPREPLY[*]}\"; } && t cr && t crl l && t crl add hu && t verify "
+     "--crl-check \"\" && t --store root verify --crl-check leaf c && t verify --req'", 0,
+     "crl\nlist\nhuge.crl\nall leaf off\ncy@x\n--require-crl\n"},
     // Verification, PKCS#12 both ways with the openssl tool, and a store that needs a look.
     {"verify cy@x --ca ca.crt", 0, "cy@x: OK\n"},
     {"!c --store root --json verify al@x --ca ca.crt; echo $?", 0, "{\n  \"id\": \"al@x\",\n  "
