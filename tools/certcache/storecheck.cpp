@@ -78,9 +78,9 @@ std::string certificateWeakness(X509* certificate) {
   return weakness;
 }
 
-// A certificate (the first of `chain`, from the file `path`) that a kept list
-// revokes. Its authorities' lists are verify's business: check reports the
-// credentials that need a person, and a revoked authority is its issuer's.
+// A certificate (the first of `chain`, from the file `path`) that its issuer's
+// kept list revokes. The certificate alone is checked: whether an authority
+// above it is revoked is for verify to say of the whole path.
 void checkRevocation(const std::vector<std::shared_ptr<Certificate>>& chain,
                      const std::string& path, const CheckRules& rules,
                      std::vector<Finding>& findings) {
@@ -208,8 +208,9 @@ std::vector<Finding> checkDirectory(const std::string& directory, CertificateFil
     }
     checkCertificate(files, filter, rules, findings);
   }
-  if (rules.revocation != nullptr)
+  if (rules.revocation != nullptr) {
     checkListsBeside(directory, *rules.revocation, rules.now, findings);
+  }
   std::stable_sort(findings.begin(), findings.end(),
                    [](const Finding& a, const Finding& b) { return a.path < b.path; });
   return findings;
