@@ -100,6 +100,10 @@ const Operation kOperations[] = {
   {"ChainOfThree", "put ca/r.crt=by:R:0:R:0; put ca/i.crt=by:I:1:R:0; put l.crt=by:l@x:2:I:1:n; "
    "chain l.crt", {"-> l@x I R complete", "-> l@x I R open", "-> l@x I open", "-> l@x open",
    "-> open"}},
+  // A revoked certificate is never judged good for want of memory: unknown at worst.
+  {"RevocationCheck", "put ca/r.crt=by:R:4:R:4; put ca/i.crt=by:I:5:R:4; put l.crt=by:l@x:6:I:5:n; "
+   "put crl/i.crl=crl:I:5:106/1; revocation l.crt leaf alone", {"-> revoked keyCompromise "
+   "2025-01-01", "-> unknown", "->"}},
 };
 // clang-format on
 

@@ -388,6 +388,10 @@ const Case kCases[] = {
    "crl/r.crl=crl:R:4:-:o 2:crl/r.crl=crl:R:4:106/6:2 2:crl/s.crl=crl:R:4:-:o3",
    "revocation l.crt leaf", "l.crt", "", test::concat({kIndexed(1, 3), {kRevokedBy("l@x", "R",
    "certificateHold"), "-> revoked certificateHold 2025-01-01"}})},
+  {"ANewerListUnderTheIssuersNameSignedWithAnotherKeyDoesNotHideItsOwn", "ca/r.crt=by:R:4:R:4 "
+   "l.crt=by:l@x:6:R:4:n crl/r.crl=crl:R:4:106/1:o crl/s.crl=crl:R:5:-", "revocation l.crt leaf",
+   "l.crt", "", test::concat({kIndexed(1, 2), {kRevokedBy("l@x", "R", "keyCompromise"), "-> revoked "
+   "keyCompromise 2025-01-01"}})},
   {"AnIssuerWithoutTheRightToSignListsHasNoListThatCounts", "ca/r.crt=by:R:4:R:4:k "
    "l.crt=by:l@x:6:R:4:n crl/r.crl=crl:R:4:106/1", "revocation l.crt leaf", "l.crt", "",
    test::concat({kIndexed(1, 1), {kVoid("R", "l@x", "key usage does not include CRL signing"),

@@ -1,6 +1,8 @@
 // The certcache tool run as an operator runs it: one walk along certificates' roads, with the
 // openssl tool as the authority and as an outside reader, every source of passwords, and bad
 // input that must each end in its exit status, one line of the tool's own and no change.
+#include <regex>
+
 #include "crypto/certstorewatcher.h"
 #include "support/storetest.h"
 
@@ -85,7 +87,7 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "\n.*"},
     {"files al_at_x", 0, "certificate: root/user/al_at_x.crt\nkey: root/user/al_at_x.key\n"},
     {"show al@x", 0, "~id: al@x\nbase_name: al_at_x\nsubject: CN=al@x\nissuer: CN=al@x\n"
-     "serial: 01\npublic_key: RSA 1024\nsignature: sha256WithRSAEncryption\nnot_before: 2010-01-01T00:00:00Z\nnot_after: 2037-01-01T00:00:00Z\n"
+     "serial: 01\npublic_key: RSA 1024\nsignature: sha256WithRSAEncryption\ncrl_distribution_points: \nnot_before: 2010-01-01T00:00:00Z\nnot_after: 2037-01-01T00:00:00Z\n"
      "expired: false\nnot_yet_valid: false\nsha256: [0-9a-f]{64}\nhas_key: false\n"},
     {"show b@x --json --log trace " + kPass, 0, "~\\{\n  \"id\": \"b@x\",\n  \"base_name\": "
      "\"b_at_x\",\n  \"subject\": \"CN=b@x\",\n.*\n  \"has_key\": true\n\\}\n"},
@@ -250,12 +252,13 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
      "_certcache; echo \"${COMPREPLY[*]}\"; } && t ch && t --store root show c && t list --pe && t "
      "--kind \"\" && t renew --key ec'", 0, "check\ncy@x\n--pending\nuser ca\nec:P-256 ec:P-384\n"},
     {"!PATH=${B%/*}:$PATH X=$X bash -c '. $X && t() { COMP_WORDS=(certcache \"$@\"); COMP_CWORD=$#; "
-     "_certcache; echo \"${COMPREPLY[*]}\"; } && t cr && t crl l && t crl add hu'", 0,
-     "crl\nlist\nhuge.crl\n"},
+     "_certcache; echo \"${COMPREPLY[*]}\"; } && t cr && t crl l && t crl add hu && t verify "
+     "--crl-check \"\" && t --store root verify --crl-check leaf c && t verify --req'", 0,
+     "crl\nlist\nhuge.crl\nall leaf off\ncy@x\n--require-crl\n"},
     // Verification, PKCS#12 both ways with the openssl tool, and a store that needs a look.
     {"verify cy@x --ca ca.crt", 0, "cy@x: OK\n"},
     {"!c --store root --json verify al@x --ca ca.crt; echo $?", 0, "{\n  \"id\": \"al@x\",\n  "
-     "\"ok\": false,\n  \"reason\": \"self-signed certificate\"\n}\n65\n"},
+     "\"ok\": false,\n  \"reason\": \"self-signed certificate\",\n  \"revocation\": \"unknown\"\n}\n65\n"},
     {"verify cy@x --ca none.pem", 66, "cannot read"}, {"verify cy@x --ca m.key", 65, "no PEM"},
     {kPass + " export cy@x --passout pass:p12 --out cy.p12", 0,
      "wrote the certificate and key of cy@x with 1 authority to cy.p12\n"},
@@ -440,6 +443,136 @@ TEST_F(ToolTest, WalksCertificatesRoadsAndRefusesBadInput) {
                       : has("--log") || failed || step.args[0] == '!' ? M(::testing::_)
                                                                       : M(""));
     EXPECT_THAT(out_ + err_, Not(HasSubstr(kSecret))) << step.args;
+  }
+}
+
+// Revocation as the openssl tool judges it. Root -> Int (and Int2, which Root revokes) -> users,
+// signed with `openssl x509 -req` (ri.pem: Root and Int issued again for Int's key); their lists
+// made by `openssl ca -revoke` and `-gencrl`: r (Root's, revoking Int2), rr (Root's, revoking Root
+// itself too), i (Int's, revoking v), is (Int's, past its nextUpdate), id (Int's delta list), j
+// (Int2's), ix (under Int's name with another key, newer than i), n (of Nobody, whom the store
+// does not hold). A row: the lists in the store's crl/, the certcache arguments, its exit status
+// and standard output (exactly, or "~" and a regular expression; where it fails outside verify,
+// what the last line of standard error holds), and for verify what `openssl verify` says over the
+// same lists (-crl_check_all, -crl_check for --crl-check leaf). Where both decide, they agree.
+struct Judged {
+  std::string lists, args;
+  int status;
+  std::string out, openssl = "";
+};
+TEST_F(ToolTest, VerifyJudgesRevocationAsTheOpensslToolDoes) {
+  // clang-format off
+  ASSERT_EQ(run("!R='-newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes' && printf "
+    "'basicConstraints=critical,CA:TRUE\n' >v3 && printf 'crlDistributionPoints=URI:http://crl."
+    "example/i.crl,URI:ldap://crl.example/cn=Int\n' >dp && printf '[ca]\ndefault_ca=d\n[d]\n"
+    "database=$ENV::A.db\ncrlnumber=$ENV::A.n\ndefault_md=sha256\ndefault_crl_days=7\n[delta]\n"
+    "deltaCRL=critical,DER:02:01:01\n' >ca.cnf && q() { openssl req -new $R -keyout $1.key -out "
+    "$1.csr -subj $2; } && s() { u=$1 a=$2 n=$3 && shift 3 && openssl x509 -req -in $u.csr -CA "
+    "$a.crt -CAkey $a.key -set_serial $n -days 9 -out $u.crt \"$@\"; } && k() { a=$1 && shift && "
+    ": >>$a.db && echo 01 >>$a.n && A=$a openssl ca -config ca.cnf -keyfile $a.key -cert $a.crt "
+    "\"$@\"; } && for n in r:Root n:Nobody; do openssl req -x509 $R -keyout ${n%:*}.key -out "
+    "${n%:*}.crt -subj /CN=${n#*:} || exit 1; done && q i /CN=Int && q j /CN=Int2 && q x /CN=Int "
+    "&& for u in g v w d; do q $u /emailAddress=$u@x || exit 1; done && s i r 11 -extfile v3 && s "
+    "j r 12 -extfile v3 && openssl x509 -req -in x.csr -signkey x.key -extfile v3 -out x.crt && s "
+    "g i 21 && s v i 22 && s w j 23 && s d i 24 -extfile dp && cp i.csr ir.csr && s ir r 13 "
+    "-extfile v3 && cat r.crt ir.crt >ri.pem && k r -revoke j.crt -crl_reason "
+    "CACompromise && k r -gencrl -out r.crl && k r -revoke r.crt -crl_reason CACompromise && k r "
+    "-gencrl -out rr.crl && k i -revoke v.crt -crl_reason keyCompromise && k i -gencrl "
+    "-crl_lastupdate $(date -u -d -1day +%Y%m%d%H%M%SZ) -out i.crl && k i -gencrl -crl_lastupdate "
+    "20200101000000Z -crl_nextupdate 20200102000000Z -out is.crl && k i -gencrl -crlexts delta "
+    "-out id.crl && k j -gencrl -out j.crl && k x -gencrl -out ix.crl && k n -gencrl -out n.crl && "
+    "mkdir -p root/ca && cp r.crt i.crt j.crt root/ca && cp g.crt v.crt w.crt d.crt root/user"), 0)
+    << err_;  // clang-format on
+  const auto revoked = [](const std::string& id, const std::string& reason) {
+    return "~\\{\n  \"id\": \"" + id +
+           "\",\n  \"ok\": false,\n  \"reason\": \"certificate revoked \\(" + reason +
+           "\\)\",\n  \"revocation\": \"revoked\",\n  \"revoked_at\": \"" + kTime + "\"\n\\}\n";
+  };
+  const std::string unknown =
+      "~\\{\n  \"id\": \"g\",\n  \"ok\": true,\n  \"reason\": null,\n  "
+      "\"revocation\": \"unknown\"\n\\}\n";
+  // clang-format off
+  const std::vector<Judged> rows = {
+    {"r i", "verify g", 0, "g: OK\n", "OK"},
+    {"r i", "--json verify v", 65, revoked("v", "keyCompromise"), "certificate revoked"},
+    {"r i", "verify v", 65, "v: FAILED: certificate revoked\n", "certificate revoked"},
+    {"r j", "--json verify w", 65, revoked("w", "CACompromise"), "certificate revoked"},  // Int2
+    {"r j", "verify w --crl-check leaf --require-crl", 0, "w: OK\n", "OK"},
+    {"r i", "--json verify v --crl-check off", 0, "{\n  \"id\": \"v\",\n  \"ok\": true,\n  "
+     "\"reason\": null\n}\n", "OK"},
+    // A stale list: unknown, which openssl refuses; what it revokes stays revoked.
+    {"r is", "--json verify g", 0, unknown, "CRL has expired"},
+    {"r is", "verify g --require-crl", 65, "g: FAILED: CRL has expired\n", "CRL has expired"},
+    {"r is", "verify v", 65, "v: FAILED: certificate revoked\n", "CRL has expired"},
+    {"r ix", "--json verify g", 0, unknown, "CRL signature failure"},
+    // Int's own list counts though a newer one under its name, signed with another key, is there.
+    {"r i ix", "verify v", 65, "v: FAILED: certificate revoked\n", "CRL signature failure"},
+    // --ca trusts the file's authorities (Int again, for its key); the store's lists still judge.
+    {"r i ix", "verify v --ca ri.pem", 65, "v: FAILED: certificate revoked\n", "CRL signature failure"},
+    {"r i", "--json verify v --ca i.crt", 65, "~\\{\n  \"id\": \"v\",\n  \"ok\": false,\n  \"reason\": "
+     "\"unable to get issuer certificate\",\n  \"revocation\": \"revoked\",\n  \"revoked_at\": \"" +
+     kTime + "\"\n\\}\n"},
+    {"r n", "verify g --require-crl", 65, "g: FAILED: unable to get certificate CRL\n",
+     "unable to get certificate CRL"},
+    // A delta list is passed over (openssl takes it for a whole one).
+    {"r id", "--json verify g", 0, unknown, "OK"},
+    {"r id", "crl add id.crl", 65, "id.crl holds a delta list, which holds only what changed"},
+    // With all, the root is checked against its own list, which may revoke it.
+    {"rr i", "--json verify g", 65, revoked("g", "CACompromise"), "certificate revoked"},
+    {"i", "--json verify g", 0, unknown, "unable to get certificate CRL"},
+    {"i", "verify g --crl-check leaf --require-crl", 0, "g: OK\n", "OK"},
+    {"", "verify g --require-crl", 65, "g: FAILED: unable to get certificate CRL\n",
+     "unable to get certificate CRL"},
+    {"", "verify g --crl-check off --require-crl", 64, "cannot go with --crl-check off"},
+    {"", "verify g --crl-check some", 64, "some not in {all,leaf,off}"},
+    {"r is", "check --days 0", 20, "~crl-stale\troot/crl/is.crl\tthe list of CN=Int is past its "
+     "nextUpdate, 2020-01-02T00:00:00Z: its certificates' revocation is unknown until a newer one "
+     "is kept\nrevoked\troot/user/v.crt\trevoked on " + kTime + " by the list of CN=Int "
+     "\\(keyCompromise\\)\n"},
+    {"r j", "check --days 0", 0, ""},  // w's authority is revoked, not w
+    {"", "show d", 0, "~.*\nsignature: ecdsa-with-SHA256\ncrl_distribution_points: "
+     "http://crl.example/i.crl, ldap://crl.example/cn=Int\nnot_before: .*"},
+    {"", "--json show d", 0, "~.*\n  \"crl_distribution_points\": \\[\n    \"http://crl.example/"
+     "i.crl\",\n    \"ldap://crl.example/cn=Int\"\n  \\],\n.*"},
+    {"", "--json show g", 0, "~.*\n  \"crl_distribution_points\": \\[\\],\n.*"},
+  };  // clang-format on
+  const std::regex said("\"revocation\": \"([a-z]+)\""), verified("verify ([a-z]+)");
+  for (const Judged& row : rows) {
+    run("!rm -rf root/crl && mkdir root/crl && for l in " + row.lists +
+        "; do cp $l.crl root/crl; done");
+    EXPECT_EQ(run("--no-keys " + row.args), row.status) << row.args << ": " << err_;
+    const bool failed = row.status != 0 && row.status != 20 &&
+                        (row.status != 65 || row.args.find("verify") == std::string::npos);
+    EXPECT_THAT(out_, failed ? M("")
+                      : row.out[0] == '~'
+                          ? M(::testing::ContainsRegex("^" + row.out.substr(1) + "$"))
+                          : M(row.out))
+        << row.lists << " " << row.args;
+    if (failed) {
+      EXPECT_THAT(err_,
+                  AllOf(::testing::ContainsRegex("certcache: [^\n]*\n$"), HasSubstr(row.out)));
+    }
+    std::smatch id, ours;
+    if (row.openssl.empty() || !std::regex_search(row.args, id, verified)) continue;
+    const std::string level = row.args.find("leaf") != std::string::npos  ? "-crl_check"
+                              : row.args.find("off") != std::string::npos ? ""
+                                                                          : "-crl_check_all";
+    run("!openssl verify " + level +
+        " -CAfile r.crt -untrusted i.crt -untrusted j.crt $(for l in " + row.lists +
+        "; do echo -CRLfile $l.crl; done) root/user/" + id[1].str() +
+        ".crt 2>&1 | sed -n 's/.*: OK$/OK/p; s/^.* lookup: //p' | head -1");
+    const std::string theirs = out_.substr(0, out_.size() - 1);
+    EXPECT_EQ(theirs, row.openssl) << row.lists << " " << row.args;
+    run("--no-keys --json " +
+        std::regex_replace(row.args, std::regex("--json |--require-crl"), ""));
+    const std::string judged = std::regex_search(out_, ours, said) ? ours[1].str() : "";
+    const std::string decided = level.empty()                     ? ""
+                                : theirs == "OK"                  ? "good"
+                                : theirs == "certificate revoked" ? "revoked"
+                                                                  : "unknown";
+    if (judged != "unknown" && decided != "unknown") {
+      EXPECT_EQ(judged, decided) << "our verify and openssl verify disagree: " << row.args;
+    }
   }
 }
 

@@ -6,6 +6,7 @@
 #include "crypto/revocationlists.h"
 
 #include <openssl/err.h>
+#include <openssl/evp.h>
 #include <openssl/x509v3.h>
 
 #include <algorithm>
@@ -87,9 +88,9 @@ bool readEntry(X509_CRL* list, X509* certificate, std::string& reason, std::time
 // One run of the check: the path, and what OpenSSL said of each certificate.
 struct RevocationLists::Check {
   struct Verdict {
-    bool noList = false;  // no list was found for it
+    bool noList = false;    // no list was found for it
     bool voidList = false;  // the list found does not count for it
-    bool stale = false;   // the list found is past its nextUpdate
+    bool stale = false;     // the list found is past its nextUpdate
     bool revoked = false;
     X509_CRL* list = nullptr;  // the list OpenSSL checked it against
     std::string reason;
@@ -168,14 +169,28 @@ std::vector<const KeptRevocationList*> RevocationLists::keptOf(const Certificate
 X509CrlStackPtr RevocationLists::listsFor(
     const std::vector<std::shared_ptr<Certificate>>& path) const {
   std::vector<std::size_t> found;
-  for (const std::shared_ptr<Certificate>& certificate : path) {
-    const X509_NAME* issuer = X509_get_issuer_name(certificate->getX509());
+  for (std::size_t i = 0; i < path.size(); ++i) {
+    X509* certificate = path[i]->getX509();
+    const X509_NAME* issuer = X509_get_issuer_name(certificate);
+    // Its issuer on the path: the next certificate, or itself at a self-signed root.
+    X509* signer = i + 1 < path.size()                     ? path[i + 1]->getX509()
+                   : X509_self_signed(certificate, 0) == 1 ? certificate
+                                                           : nullptr;
+    std::vector<std::size_t> named, signedBy;
     const auto range = byIssuer_.equal_range(OpenSSLUtil::nameHash(issuer));
     for (auto it = range.first; it != range.second; ++it) {
-      if (X509_NAME_cmp(X509_CRL_get_issuer(lists_[it->second].list->get()), issuer) == 0) {
-        found.push_back(it->second);
-      }
+      if (X509_NAME_cmp(X509_CRL_get_issuer(lists_[it->second].list->get()), issuer) != 0) continue;
+      named.push_back(it->second);
+      if (signer != nullptr && signedWith(lists_[it->second], signer))
+        signedBy.push_back(it->second);
     }
+    // OpenSSL chooses among the lists of one issuer name by their times, never
+    // by their signature: a newer list under the name, signed with another key
+    // (another authority of that name, or a forgery), would hide the issuer's
+    // own. So where lists verify with the issuer's key, only they are handed
+    // over; where none does, all are, and OpenSSL says why they do not count.
+    const std::vector<std::size_t>& counting = signedBy.empty() ? named : signedBy;
+    found.insert(found.end(), counting.begin(), counting.end());
   }
   // In the order indexed: of lists that OpenSSL rates alike (the same issuer
   // and thisUpdate), it takes the first.
@@ -188,6 +203,18 @@ X509CrlStackPtr RevocationLists::listsFor(
     X509_CRL_up_ref(crl);
   }
   return stack;
+}
+
+bool RevocationLists::signedWith(const KeptRevocationList& kept, X509* issuer) {
+  EVP_PKEY* key = X509_get0_pubkey(issuer);
+  if (key == nullptr) return false;
+  if (kept.issuers.empty()) return X509_CRL_verify(kept.list->get(), key) == 1;
+  // The index verified it with the keys of the store's authorities: the issuer
+  // on the path is one of them, or another certificate for one of their keys.
+  return std::any_of(kept.issuers.begin(), kept.issuers.end(),
+                     [key](const std::shared_ptr<Certificate>& verifier) {
+                       return EVP_PKEY_eq(X509_get0_pubkey(verifier->getX509()), key) == 1;
+                     });
 }
 
 bool RevocationLists::verifiedWith(const X509_CRL* crl, X509* issuer) const {

@@ -11,7 +11,10 @@
 // issuer's list is past its nextUpdate. A list counts for a certificate when
 // it is its issuer's (the issuer's name, and its key identifier where the list
 // names one), verifies with that issuer's key, and its thisUpdate is not in
-// the future.
+// the future. Of several lists under one issuer's name (another authority of
+// that name keeps its own), those that verify with the key of the issuer on
+// the path are the ones that count; a newer one signed with another key does
+// not hide them.
 //
 // The answer is OpenSSL's: the check runs X509_verify_cert with the lists and
 // CRL checking (X509_V_FLAG_CRL_CHECK, with X509_V_FLAG_CRL_CHECK_ALL for the
@@ -122,8 +125,13 @@ class RevocationLists {
   static int judgeList(const Check& check, X509_STORE_CTX* context, X509_CRL* crl);
   static int noteVerdict(int ok, X509_STORE_CTX* context);
 
-  // The lists whose issuer is named as the issuer of a certificate of `path`.
+  // The lists whose issuer is named as the issuer of a certificate of `path`;
+  // of those, where some verify with the key of that issuer on the path, only
+  // those.
   X509CrlStackPtr listsFor(const std::vector<std::shared_ptr<Certificate>>& path) const;
+  // Whether `kept`'s signature verifies with the key of `issuer` (borrowed):
+  // the index's verdict where it verified the list, else verified here.
+  static bool signedWith(const KeptRevocationList& kept, X509* issuer);
   // Whether the index verified `crl`'s signature with `issuer`'s key.
   bool verifiedWith(const X509_CRL* crl, X509* issuer) const;
 

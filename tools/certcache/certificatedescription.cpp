@@ -7,6 +7,7 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/objects.h>
+#include <openssl/x509v3.h>
 
 #include <memory>
 
@@ -92,6 +93,28 @@ std::string sha256Text(X509* cert) {
   return text;
 }
 
+// The full names of its distribution points that are URIs; a distribution
+// point named relative to its issuer, or one whose extension does not decode,
+// names none that a person could fetch.
+std::vector<std::string> distributionPointUris(X509* cert) {
+  const OpenSSLPtr<CRL_DIST_POINTS, CRL_DIST_POINTS_free> points(static_cast<CRL_DIST_POINTS*>(
+      X509_get_ext_d2i(cert, NID_crl_distribution_points, nullptr, nullptr)));
+  ERR_clear_error();
+  std::vector<std::string> uris;
+  for (int i = 0; i < sk_DIST_POINT_num(points.get()); ++i) {
+    const DIST_POINT_NAME* name = sk_DIST_POINT_value(points.get(), i)->distpoint;
+    if (name == nullptr || name->type != 0) continue;
+    for (int j = 0; j < sk_GENERAL_NAME_num(name->name.fullname); ++j) {
+      const GENERAL_NAME* entry = sk_GENERAL_NAME_value(name->name.fullname, j);
+      if (entry->type != GEN_URI) continue;
+      const ASN1_IA5STRING* uri = entry->d.uniformResourceIdentifier;
+      uris.emplace_back(reinterpret_cast<const char*>(ASN1_STRING_get0_data(uri)),
+                        static_cast<std::size_t>(ASN1_STRING_length(uri)));
+    }
+  }
+  return uris;
+}
+
 }  // namespace
 
 std::string keyText(const EVP_PKEY* key) {
@@ -134,6 +157,7 @@ CertificateDescription describeCertificate(X509* cert, std::time_t now) {
   description.expired = description.notAfterTime < now;
   description.notYetValid = description.notBeforeTime > now;
   description.sha256 = sha256Text(cert);
+  description.crlDistributionPoints = distributionPointUris(cert);
   return description;
 }
 

@@ -1,5 +1,6 @@
 // What the tool tells about one certificate: names, serial, key, signature,
-// validity and fingerprint, in the forms that its output promises.
+// validity, fingerprint and where its revocation list is published, in the
+// forms that its output promises.
 #ifndef TAVIK_TOOLS_CERTCACHE_CERTIFICATEDESCRIPTION_H_
 #define TAVIK_TOOLS_CERTCACHE_CERTIFICATEDESCRIPTION_H_
 
@@ -8,6 +9,7 @@
 
 #include <ctime>
 #include <string>
+#include <vector>
 
 namespace tavik {
 namespace cli {
@@ -25,6 +27,9 @@ struct CertificateDescription {
   bool expired = false;      // notAfter lies before `now`
   bool notYetValid = false;  // notBefore lies after `now`
   std::string sha256;        // of the DER encoding, lower-case hex without colons
+  // The URIs of its CRL distribution points, where its issuer publishes the
+  // list that would revoke it, in their order; none when it names none.
+  std::vector<std::string> crlDistributionPoints;
 };
 
 // Describes `cert` (borrowed, not null) as seen at time `now`. Throws ToolError

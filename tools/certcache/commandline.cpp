@@ -29,7 +29,8 @@ const char kExitStatuses[] =
     "  64       usage error (a needed password that was not given, a --key or --days\n"
     "           that the command does not take, included)\n"
     "  65       the input is not what the command needs (a certificate for another key,\n"
-    "           a request given to install, a chain that does not verify)\n"
+    "           a request given to install, a chain that does not verify, a revoked\n"
+    "           certificate)\n"
     "  66       an input file, password source, store root or location is missing or\n"
     "           unreadable\n"
     "  74       any other failure of the environment\n"
@@ -46,6 +47,8 @@ const char kExamples[] =
     "--out bob.csr\n"
     "  $ certcache --store /tmp/store --passin file:pw.txt install bob.crt\n"
     "  $ certcache --store /tmp/store check --days 60 || mail -s 'certificates' root\n"
+    "  $ certcache --store /tmp/store crl add ca.crl && certcache --store /tmp/store verify "
+    "bob@example.org\n"
     "  $ certcache --store /tmp/store --passin env:PW export bob@example.org --out bob.p12\n";
 
 // The commands are what the tool is for, so its help names them before the
@@ -177,7 +180,9 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   describeCommand(*list, "--store /tmp/store list --long");
 
   CLI::App* show = app.add_subcommand(
-      "show", "One certificate, its key type and signature; with --passin its key is read too");
+      "show",
+      "One certificate, its key type, signature and CRL distribution points; with --passin its "
+      "key is read too");
   addIdArgument(*show, invocation);
   show->add_flag("--chain", invocation.chain,
                  "Then the path of authorities above it, up to its root or to where it breaks");
@@ -274,9 +279,10 @@ void addCommands(CLI::App& app, Invocation& invocation) {
       "check",
       "What needs a person: keys without certificate, certificates without key, stale "
       "requests, key files others may read, files the scan refuses, expired and due "
-      "certificates, weak keys, signatures and key-file protection, a change a dead run left "
-      "unfinished, and with --passin keys that are not their certificate's; exit 20 when "
-      "anything is found");
+      "certificates, weak keys, signatures and key-file protection, certificates whose issuer "
+      "the store lacks or whose issuer's kept list revokes them, kept lists past their "
+      "nextUpdate, a change a dead run left unfinished, and with --passin keys that are not "
+      "their certificate's; exit 20 when anything is found");
   for (CLI::App* command : {expiring, check}) {
     command
         ->add_option("--days", invocation.days,
@@ -291,13 +297,27 @@ void addCommands(CLI::App& app, Invocation& invocation) {
   CLI::App* verify = app.add_subcommand(
       "verify",
       "Whether a certificate chains to an authority of the store (its self-signed ones "
-      "trusted, the others as intermediates), or with --ca to one in FILE (PEM); exit 65 if not");
+      "trusted, the others as intermediates), or with --ca to one in FILE (PEM), and whether "
+      "the revocation lists kept in the store (crl add) revoke any certificate of its path "
+      "(--crl-check leaf: the certificate alone; off: none); exit 65 if it does not chain or is "
+      "revoked, and with --require-crl where no current list tells");
   addIdArgument(*verify, invocation);
   verify
       ->add_option("--ca", invocation.caFile,
-                   "The authorities' certificates to trust instead, e.g. --ca ca.pem")
+                   "The authorities' certificates to trust instead, e.g. --ca ca.pem; the store's "
+                   "revocation lists still apply")
       ->type_name("FILE");
-  describeCommand(*verify, "verify alice@example.org --ca /etc/ssl/certs/ca-certificates.crt");
+  verify
+      ->add_option("--crl-check", invocation.crlCheck,
+                   "Which certificates of the path are checked against their issuer's list: all "
+                   "(the root too, against its own list, as openssl verify -crl_check_all does), "
+                   "leaf (the certificate alone) or off, e.g. --crl-check leaf. Default: all")
+      ->type_name("all|leaf|off")
+      ->check(oneOf({"all", "leaf", "off"}));
+  verify->add_flag("--require-crl", invocation.requireCrl,
+                   "Fail (65) when revocation is unknown: a certificate checked whose issuer has "
+                   "no list kept, or one past its nextUpdate; without it that is no failure");
+  describeCommand(*verify, "verify alice@example.org --require-crl");
 
   CLI::App* exportCommand = app.add_subcommand(
       "export",

@@ -48,6 +48,9 @@ struct Invocation {
   int days = 30;
   bool initial = false;     // watch --initial
   long timeoutSeconds = 0;  // watch --timeout; 0: until a signal
+
+  std::string crlCheck = "all";  // verify --crl-check: all, leaf or off
+  bool requireCrl = false;       // verify --require-crl
 };
 
 // Parses the command line into `invocation`; options may stand before or after

@@ -17,6 +17,12 @@ void writeJson(std::ostream& out, const Json& value) {
 
 const char* boolText(bool value) { return value ? "true" : "false"; }
 
+std::string joined(const std::vector<std::string>& parts, const char* separator) {
+  std::string text;
+  for (std::size_t i = 0; i < parts.size(); ++i) text += (i == 0 ? "" : separator) + parts[i];
+  return text;
+}
+
 }  // namespace
 
 void printList(std::ostream& out, const std::vector<std::string>& ids,
@@ -51,6 +57,7 @@ void printShow(std::ostream& out, const ShowRecord& record, bool json) {
                {"serial", cert.serial},
                {"public_key", cert.publicKey},
                {"signature", cert.signature},
+               {"crl_distribution_points", cert.crlDistributionPoints},
                {"not_before", cert.notBefore},
                {"not_after", cert.notAfter},
                {"expired", cert.expired},
@@ -82,6 +89,7 @@ void printShow(std::ostream& out, const ShowRecord& record, bool json) {
       << "serial: " << cert.serial << '\n'
       << "public_key: " << cert.publicKey << '\n'
       << "signature: " << cert.signature << '\n'
+      << "crl_distribution_points: " << joined(cert.crlDistributionPoints, ", ") << '\n'
       << "not_before: " << cert.notBefore << '\n'
       << "not_after: " << cert.notAfter << '\n'
       << "expired: " << boolText(cert.expired) << '\n'
@@ -151,15 +159,20 @@ void printFindings(std::ostream& out, const std::vector<Finding>& findings, bool
   }
 }
 
-void printVerification(std::ostream& out, const std::string& id, const std::string& reason,
-                       bool json) {
+void printVerification(std::ostream& out, const VerificationRecord& record, bool json) {
+  const std::string& reason = record.reason;
   if (json) {
-    writeJson(out, Json{{"id", id},
-                        {"ok", reason.empty()},
-                        {"reason", reason.empty() ? Json(nullptr) : Json(reason)}});
+    const std::string detailed =
+        record.detail.empty() ? reason : reason + " (" + record.detail + ")";
+    Json verified{{"id", record.id},
+                  {"ok", reason.empty()},
+                  {"reason", reason.empty() ? Json(nullptr) : Json(detailed)}};
+    if (!record.revocation.empty()) verified["revocation"] = record.revocation;
+    if (!record.revokedAt.empty()) verified["revoked_at"] = record.revokedAt;
+    writeJson(out, verified);
     return;
   }
-  out << id << (reason.empty() ? ": OK" : ": FAILED: " + reason) << '\n';
+  out << record.id << (reason.empty() ? ": OK" : ": FAILED: " + reason) << '\n';
 }
 
 }  // namespace cli

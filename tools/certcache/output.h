@@ -61,10 +61,19 @@ void printPending(std::ostream& out, const std::vector<PendingRequest>& requests
 // Lines KIND<TAB>PATH<TAB>WHAT; JSON: an array of {"kind", "path", "what"}.
 void printFindings(std::ostream& out, const std::vector<Finding>& findings, bool json);
 
-// "ID: OK", or "ID: FAILED: REASON" when `reason` is not empty; JSON:
-// {"id", "ok", "reason"} with a null reason when it verified.
-void printVerification(std::ostream& out, const std::string& id, const std::string& reason,
-                       bool json);
+struct VerificationRecord {
+  std::string id;
+  std::string reason;  // why it failed, in OpenSSL's words; empty when it verified
+  std::string
+      detail;  // in JSON, after the reason in parentheses: the list's reason of a revocation
+  std::string revocation;  // good, revoked or unknown; empty when revocation was not checked
+  std::string revokedAt;   // when revoked: 2026-01-31T12:00:00Z
+};
+
+// "ID: OK", or "ID: FAILED: REASON" when the reason is not empty; JSON:
+// {"id", "ok", "reason"} with a null reason when it verified, then
+// "revocation" when it was checked and "revoked_at" when revoked.
+void printVerification(std::ostream& out, const VerificationRecord& record, bool json);
 
 }  // namespace cli
 }  // namespace tavik

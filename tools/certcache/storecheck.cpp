@@ -14,6 +14,7 @@
 
 #include "base/certificate.h"
 #include "base/filename.h"
+#include "base/opensslutil.h"
 #include "certificatedescription.h"
 #include "keyfile.h"
 #include "toolerror.h"
@@ -77,6 +78,40 @@ std::string certificateWeakness(X509* certificate) {
   return weakness;
 }
 
+// A certificate (the first of `chain`, from the file `path`) that its issuer's
+// kept list revokes. The certificate alone is checked: whether an authority
+// above it is revoked is for verify to say of the whole path.
+void checkRevocation(const std::vector<std::shared_ptr<Certificate>>& chain,
+                     const std::string& path, const CheckRules& rules,
+                     std::vector<Finding>& findings) {
+  if (rules.revocation == nullptr || rules.revocation->lists().empty()) return;
+  const std::vector<RevocationStatus> statuses =
+      rules.revocation->check(chain, RevocationScope::leaf);
+  if (statuses.empty() || statuses.front().state != RevocationStatus::State::revoked) return;
+  const RevocationStatus& status = statuses.front();
+  findings.push_back({"revoked", path,
+                      "revoked on " + formatTime(status.revokedAt) + " by the list of " +
+                          OpenSSLUtil::nameText(X509_get_issuer_name(chain.front()->getX509())) +
+                          " (" + status.reason + ")"});
+}
+
+// The lists kept in the location of `directory` (its crl/ beside it) that are
+// past their nextUpdate: until a newer one is kept, the revocation of their
+// issuers' certificates is unknown.
+void checkListsBeside(const std::string& directory, const RevocationLists& lists, std::time_t now,
+                      std::vector<Finding>& findings) {
+  const fs::path location = fs::path(directory).parent_path();
+  for (const KeptRevocationList& kept : lists.lists()) {
+    if (!kept.list->isStale(now) || fs::path(kept.file).parent_path().parent_path() != location) {
+      continue;
+    }
+    findings.push_back({"crl-stale", kept.file,
+                        "the list of " + kept.list->issuer() + " is past its nextUpdate, " +
+                            formatTime(kept.list->nextUpdate()) +
+                            ": its certificates' revocation is unknown until a newer one is kept"});
+  }
+}
+
 void checkCertificate(const Credential& files, CertificateFilter& filter, const CheckRules& rules,
                       std::vector<Finding>& findings) {
   const std::string& path = files.certificate;
@@ -99,10 +134,13 @@ void checkCertificate(const Credential& files, CertificateFilter& filter, const 
   }
   const std::string weakness = certificateWeakness(certificate->getX509());
   if (!weakness.empty()) findings.push_back({"weak", path, weakness});
-  if (rules.authorities != nullptr && rules.authorities->build(certificate).size() == 1 &&
-      !CertificateChain::isComplete({certificate})) {
-    findings.push_back(
-        {"chain", path, "issued by " + description.issuer + ", which the store does not hold"});
+  if (rules.authorities != nullptr) {
+    const std::vector<std::shared_ptr<Certificate>> chain = rules.authorities->build(certificate);
+    if (chain.size() == 1 && !CertificateChain::isComplete(chain)) {
+      findings.push_back(
+          {"chain", path, "issued by " + description.issuer + ", which the store does not hold"});
+    }
+    checkRevocation(chain, path, rules, findings);
   }
   if (files.key.empty()) {
     if (rules.withKeys) findings.push_back({"no-key", path, "a certificate without its key"});
@@ -169,6 +207,9 @@ std::vector<Finding> checkDirectory(const std::string& directory, CertificateFil
       continue;
     }
     checkCertificate(files, filter, rules, findings);
+  }
+  if (rules.revocation != nullptr) {
+    checkListsBeside(directory, *rules.revocation, rules.now, findings);
   }
   std::stable_sort(findings.begin(), findings.end(),
                    [](const Finding& a, const Finding& b) { return a.path < b.path; });
