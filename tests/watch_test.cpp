@@ -208,7 +208,9 @@ TEST_P(WatchTest, IndexIsAFreshCachesAfterEachChange) {
     std::string& signs = net[event.substr(1)];
     signs = (signs.empty() ? event.substr(0, 1) : signs.substr(0, 1)) + event[0];
   }
-  if (c.heard[0] == '=') EXPECT_EQ(heard, test::words(c.heard + 1));
+  if (c.heard[0] == '=') {
+    EXPECT_EQ(heard, test::words(c.heard + 1));
+  }
   std::vector<std::string> netHeard, expected = test::words(c.heard + (c.heard[0] == '='));
   for (const auto& [id, signs] : net) {
     const bool before = signs[0] != '+', after = signs[1] != '-';
