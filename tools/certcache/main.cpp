@@ -9,6 +9,7 @@
 #include "commandline.h"
 #include "commands.h"
 #include "log/log.h"
+#include "secretmemory.h"
 #include "toolerror.h"
 
 namespace {
@@ -51,6 +52,8 @@ int main(int argc, char** argv) {
   // Before anything else: a key file must never be readable by others, not
   // even between its creation and the cache's restriction of it.
   ::umask(077);
+  // And before OpenSSL allocates anything: its allocator can be set only then.
+  tavik::cli::protectProcessMemory();
 
   tavik::cli::Invocation invocation;
   const int parsed = tavik::cli::parseCommandLine(argc, argv, invocation);
@@ -58,6 +61,7 @@ int main(int argc, char** argv) {
 
   try {
     setUpLogging(invocation.logLevel);
+    tavik::cli::tellProtection();
     const int status = tavik::cli::runCommand(invocation, std::cout);
     std::cout.flush();
     if (!std::cout) {

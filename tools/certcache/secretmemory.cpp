@@ -1,0 +1,90 @@
+#define TAVIK_LOG_SOURCE_FILE "tools/certcache/secretmemory.cpp"
+
+#include "secretmemory.h"
+
+#include <malloc.h>
+#include <openssl/crypto.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "log/log.h"
+
+namespace tavik {
+namespace cli {
+
+namespace {
+
+LogHandle logHandle(nullptr, 0, 2);
+LogRegister logRegister(logHandle, TAVIK_LOG_SOURCE_FILE, __LINE__, 8);
+
+// Every operation of the tool on the largest key it handles (making, signing
+// with, reading and writing an RSA 4096 key) runs in a heap of 4 KiB and fails
+// in one of 2 KiB; OpenSSL does not fall back to the ordinary heap when this
+// one is full, hence sixteen times that. It still fits the smallest limit of
+// locked memory that systems set for a user (RLIMIT_MEMLOCK, 64 KiB). A power
+// of two, as OpenSSL requires.
+constexpr std::size_t kSecureHeapBytes = std::size_t{64} * 1024;
+// The smallest block of the secure heap: a power of two too.
+constexpr std::size_t kSecureHeapSmallest = 16;
+
+// What protectProcessMemory could do, for tellProtection.
+bool undumpable = false;
+bool noCore = false;
+bool cleansing = false;
+int secureHeap = 0;  // CRYPTO_secure_malloc_init's result
+
+void* allocate(std::size_t size, const char* /*file*/, int /*line*/) { return std::malloc(size); }
+
+void release(void* block, const char* /*file*/, int /*line*/) {
+  if (block == nullptr) return;
+  OPENSSL_cleanse(block, malloc_usable_size(block));
+  std::free(block);
+}
+
+// A block that moves leaves no copy behind where it was: the new one is taken,
+// the old one copied into it, cleansed and freed.
+void* reallocate(void* block, std::size_t size, const char* file, int line) {
+  if (block == nullptr) return allocate(size, file, line);
+  if (size == 0) {
+    release(block, file, line);
+    return nullptr;
+  }
+  const std::size_t held = malloc_usable_size(block);
+  if (size <= held) return block;
+  void* moved = std::malloc(size);
+  if (moved == nullptr) return nullptr;
+  std::memcpy(moved, block, held);
+  release(block, file, line);
+  return moved;
+}
+
+}  // namespace
+
+void protectProcessMemory() {
+  undumpable = ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) == 0;
+  const rlimit none{0, 0};
+  noCore = ::setrlimit(RLIMIT_CORE, &none) == 0;
+  cleansing = CRYPTO_set_mem_functions(allocate, reallocate, release) == 1;
+  secureHeap = CRYPTO_secure_malloc_init(kSecureHeapBytes, kSecureHeapSmallest);
+}
+
+void tellProtection() {
+  TAVIK_LOG_DEBUG(logHandle)
+      << (undumpable ? "not dumpable" : "still dumpable (prctl refused)") << ", "
+      << (noCore ? "no core file" : "core size limit unchanged (setrlimit refused)") << ", "
+      << (cleansing ? "OpenSSL's freed memory cleansed"
+                    : "OpenSSL's freed memory not cleansed (OpenSSL had allocated already)")
+      << ", "
+      << (secureHeap == 1
+              ? "secure heap of " + std::to_string(kSecureHeapBytes / 1024) + " KiB locked"
+          : secureHeap == 2 ? "secure heap not locked: the system refuses locked memory "
+                              "(RLIMIT_MEMLOCK), so its pages may be swapped out"
+                            : "no secure heap: the system refuses it; private key numbers "
+                              "are on the ordinary heap");
+}
+
+}  // namespace cli
+}  // namespace tavik
