@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "base/filedescriptor.h"
+#include "secretmemory.h"
 #include "toolerror.h"
 
 namespace tavik {
@@ -142,6 +143,9 @@ SecretString readFromSource(const std::string& passinSource, bool confirm) {
 }  // namespace
 
 SecretString readPassword(const std::string& passinSource, bool confirm) {
+  // A password comes before every private key the tool opens or makes: the
+  // key's numbers get their locked place first.
+  startSecureHeap();
   SecretString password = readFromSource(passinSource, confirm);
   if (password.str().find('\0') != std::string::npos) {
     throw ToolError(kExitUsage, "the password holds a NUL byte, which cannot be used");

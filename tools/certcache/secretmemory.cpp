@@ -2,14 +2,13 @@
 
 #include "secretmemory.h"
 
-#include <malloc.h>
 #include <openssl/crypto.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 
-#include <cstdlib>
-#include <cstring>
+#include <string>
 
+#include "cleansingallocator.h"
 #include "log/log.h"
 
 namespace tavik {
@@ -34,32 +33,7 @@ constexpr std::size_t kSecureHeapSmallest = 16;
 bool undumpable = false;
 bool noCore = false;
 bool cleansing = false;
-int secureHeap = 0;  // CRYPTO_secure_malloc_init's result
-
-void* allocate(std::size_t size, const char* /*file*/, int /*line*/) { return std::malloc(size); }
-
-void release(void* block, const char* /*file*/, int /*line*/) {
-  if (block == nullptr) return;
-  OPENSSL_cleanse(block, malloc_usable_size(block));
-  std::free(block);
-}
-
-// A block that moves leaves no copy behind where it was: the new one is taken,
-// the old one copied into it, cleansed and freed.
-void* reallocate(void* block, std::size_t size, const char* file, int line) {
-  if (block == nullptr) return allocate(size, file, line);
-  if (size == 0) {
-    release(block, file, line);
-    return nullptr;
-  }
-  const std::size_t held = malloc_usable_size(block);
-  if (size <= held) return block;
-  void* moved = std::malloc(size);
-  if (moved == nullptr) return nullptr;
-  std::memcpy(moved, block, held);
-  release(block, file, line);
-  return moved;
-}
+bool secureHeapTried = false;
 
 }  // namespace
 
@@ -67,8 +41,7 @@ void protectProcessMemory() {
   undumpable = ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) == 0;
   const rlimit none{0, 0};
   noCore = ::setrlimit(RLIMIT_CORE, &none) == 0;
-  cleansing = CRYPTO_set_mem_functions(allocate, reallocate, release) == 1;
-  secureHeap = CRYPTO_secure_malloc_init(kSecureHeapBytes, kSecureHeapSmallest);
+  cleansing = installCleansingAllocator();
 }
 
 void tellProtection() {
@@ -76,14 +49,20 @@ void tellProtection() {
       << (undumpable ? "not dumpable" : "still dumpable (prctl refused)") << ", "
       << (noCore ? "no core file" : "core size limit unchanged (setrlimit refused)") << ", "
       << (cleansing ? "OpenSSL's freed memory cleansed"
-                    : "OpenSSL's freed memory not cleansed (OpenSSL had allocated already)")
-      << ", "
-      << (secureHeap == 1
-              ? "secure heap of " + std::to_string(kSecureHeapBytes / 1024) + " KiB locked"
-          : secureHeap == 2 ? "secure heap not locked: the system refuses locked memory "
-                              "(RLIMIT_MEMLOCK), so its pages may be swapped out"
-                            : "no secure heap: the system refuses it; private key numbers "
-                              "are on the ordinary heap");
+                    : "OpenSSL's freed memory not cleansed (OpenSSL had allocated already)");
+}
+
+void startSecureHeap() {
+  if (secureHeapTried) return;
+  secureHeapTried = true;
+  const int started = CRYPTO_secure_malloc_init(kSecureHeapBytes, kSecureHeapSmallest);
+  TAVIK_LOG_DEBUG(logHandle)
+      << (started == 1
+              ? "secure heap of " + std::to_string(kSecureHeapBytes / 1024) + " KiB started, locked"
+          : started == 2 ? "secure heap started, not locked: the system refuses locked memory "
+                           "(RLIMIT_MEMLOCK), so its pages may be swapped out"
+                         : "no secure heap: the system refuses it; private key numbers are on "
+                           "the ordinary heap");
 }
 
 }  // namespace cli
