@@ -15,11 +15,13 @@ namespace {
 // written in, which are the bytes cleansed when it goes. 16 bytes keep the
 // block as aligned as malloc's.
 constexpr std::size_t kHeader = 16;
-// Small blocks have a room of a whole number of steps, so that a kept block
-// serves any later request of its step.
+// Small blocks have a room of 16 k + 8 bytes, which with the header fills one
+// of malloc's chunks (a multiple of 16 bytes, 8 of them its own) to the byte;
+// a kept block then serves any later request up to its room.
 constexpr std::size_t kStep = 16;
-constexpr std::size_t kSteps = 16;  // small: up to 256 bytes
-constexpr unsigned kKeptPerStep = 8;
+constexpr std::size_t kSteps = 16;  // small: a room of up to 248 bytes
+constexpr std::size_t kLargestSmall = (kSteps - 1) * kStep + 8;
+constexpr unsigned kKeptPerStep = 4;
 
 // Blocks are kept by the installing thread alone: its own lists need no lock,
 // and it is the one thread that lives as long as the process, so no list is
@@ -33,8 +35,8 @@ constexpr bool kKeepBlocks = true;
 thread_local bool keeping = false;
 // Per step, a list of kept blocks, each holding the next one's address in its
 // first bytes.
-thread_local void* kept[kSteps + 1];
-thread_local unsigned keptCount[kSteps + 1];
+thread_local void* kept[kSteps];
+thread_local unsigned keptCount[kSteps];
 
 // Overwrites a block that goes. The compiler may drop a memset of memory that
 // is freed right after, unless something may still read it: the empty asm
@@ -46,9 +48,12 @@ void cleanse(void* block, std::size_t size) {
 }
 
 std::size_t roomFor(std::size_t size) {
-  if (size > kSteps * kStep) return size;
-  return size == 0 ? kStep : (size + kStep - 1) / kStep * kStep;
+  if (size > kLargestSmall) return size;
+  return size <= 8 ? 8 : (size + kStep - 9) / kStep * kStep + 8;
 }
+
+// The list of kept blocks of a small room.
+std::size_t stepOf(std::size_t room) { return room / kStep; }
 
 unsigned char* headerOf(void* block) { return static_cast<unsigned char*>(block) - kHeader; }
 
@@ -60,10 +65,10 @@ std::size_t roomOf(void* block) {
 
 void* allocate(std::size_t size, const char* /*file*/, int /*line*/) {
   const std::size_t room = roomFor(size);
-  if (keeping && room <= kSteps * kStep && kept[room / kStep] != nullptr) {
-    void* block = kept[room / kStep];
-    std::memcpy(&kept[room / kStep], block, sizeof block);
-    --keptCount[room / kStep];
+  if (keeping && room <= kLargestSmall && kept[stepOf(room)] != nullptr) {
+    void* block = kept[stepOf(room)];
+    std::memcpy(&kept[stepOf(room)], block, sizeof block);
+    --keptCount[stepOf(room)];
     return block;
   }
   if (room > SIZE_MAX - kHeader) return nullptr;
@@ -77,10 +82,10 @@ void release(void* block, const char* /*file*/, int /*line*/) {
   if (block == nullptr) return;
   const std::size_t room = roomOf(block);
   cleanse(block, room);
-  if (keeping && room <= kSteps * kStep && keptCount[room / kStep] < kKeptPerStep) {
-    std::memcpy(block, &kept[room / kStep], sizeof block);
-    kept[room / kStep] = block;
-    ++keptCount[room / kStep];
+  if (keeping && room <= kLargestSmall && keptCount[stepOf(room)] < kKeptPerStep) {
+    std::memcpy(block, &kept[stepOf(room)], sizeof block);
+    kept[stepOf(room)] = block;
+    ++keptCount[stepOf(room)];
     return;
   }
   std::free(headerOf(block));

@@ -32,7 +32,7 @@ constexpr std::size_t kSecureHeapSmallest = 16;
 // What protectProcessMemory could do, for tellProtection.
 bool undumpable = false;
 bool noCore = false;
-bool cleansing = false;
+enum class Cleansing { kNotAsked, kInstalled, kRefused } cleansing = Cleansing::kNotAsked;
 bool secureHeapTried = false;
 
 }  // namespace
@@ -41,15 +41,20 @@ void protectProcessMemory() {
   undumpable = ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) == 0;
   const rlimit none{0, 0};
   noCore = ::setrlimit(RLIMIT_CORE, &none) == 0;
-  cleansing = installCleansingAllocator();
+}
+
+void cleanseOpenSSLMemory() {
+  cleansing = installCleansingAllocator() ? Cleansing::kInstalled : Cleansing::kRefused;
 }
 
 void tellProtection() {
   TAVIK_LOG_DEBUG(logHandle)
       << (undumpable ? "not dumpable" : "still dumpable (prctl refused)") << ", "
       << (noCore ? "no core file" : "core size limit unchanged (setrlimit refused)") << ", "
-      << (cleansing ? "OpenSSL's freed memory cleansed"
-                    : "OpenSSL's freed memory not cleansed (OpenSSL had allocated already)");
+      << (cleansing == Cleansing::kInstalled ? "OpenSSL's freed memory cleansed"
+          : cleansing == Cleansing::kRefused
+              ? "OpenSSL's freed memory not cleansed (OpenSSL had allocated already)"
+              : "OpenSSL's allocator left as it is (no password in this run)");
 }
 
 void startSecureHeap() {

@@ -12,13 +12,17 @@
 namespace tavik {
 namespace cli {
 
-// First thing in main(), before anything is allocated through OpenSSL: no
-// core dump, not dumpable, and OpenSSL's allocations cleansed when they are
-// freed or moved. What could not be had is said at --log debug, once logging
-// is set up (tellProtection); the tool goes on without it.
+// First thing in main(): no core dump, and not dumpable.
 void protectProcessMemory();
 
-// Writes, as a debug statement, what protectProcessMemory could do.
+// Before anything is allocated through OpenSSL (the command line is parsed
+// without it): OpenSSL's allocations cleansed when they are freed or moved
+// (cleansingallocator.h). A run that reads no password handles no private key
+// and leaves OpenSSL's allocator as it is.
+void cleanseOpenSSLMemory();
+
+// Writes, as a debug statement, what the two above could do; the tool goes on
+// without what it could not have.
 void tellProtection();
 
 // Starts OpenSSL's secure heap, once, and says at --log debug how it went:
