@@ -7,9 +7,9 @@
 // Cleansing every free costs time where OpenSSL allocates most: opening a key
 // file protected with 100,000 PBKDF2 iterations allocates and frees a digest
 // context 400,000 times. So that the tool is no slower for it, small blocks
-// (up to 256 bytes) freed on the thread that installed the allocator are kept,
+// (up to 248 bytes) freed on the thread that installed the allocator are kept,
 // already cleansed, for that thread's next allocation of their size rather
-// than given back to malloc: a few per size at most.
+// than given back to malloc: four per size at most.
 #ifndef TAVIK_TOOLS_CERTCACHE_CLEANSINGALLOCATOR_H_
 #define TAVIK_TOOLS_CERTCACHE_CLEANSINGALLOCATOR_H_
 
