@@ -635,7 +635,8 @@ std::size_t windowsFound(const std::string& core, const std::string& text) {
 }
 
 // A core taken as a run ends (gdb stops it at exit_group and writes it with gcore) after each
-// command that opens or makes a key with a password read from a file: no 12 bytes of the
+// command that opens or makes a key with a password read from a file (check reads every key of
+// the store with it): no 12 bytes of the
 // password, nor of the key's secret number in either byte order, stand anywhere in it. The first
 // row, openssl's own tool opening the same key, takes no such care, and there the search finds
 // both. A row fails when its run did not end well or left no core to scan.
@@ -662,6 +663,7 @@ TEST_F(ToolTest, ACoreTakenAtExitHoldsNeitherThePasswordNorThePrivateKey) {
       {"!openssl pkey -in " + z + " -passin file:lp -noout", z, true},
       {"show z@x", z},
       {"self-signed --key rsa:2048 --email r@x", "root/user/r_at_x.key"},
+      {"check", z},
       {"request --key ec:P-256 --email q@x --out q.csr", "root/user/q_at_x.tpk"},
       {"install i.crt", "root/user/i_at_x.key"},
       {"renew z@x --key ec:P-256 --out z2.csr", "root/user/z_at_x.tpk"},

@@ -54,6 +54,14 @@ bool mayReadPassword(const tavik::cli::Invocation& invocation) {
          withoutPassword.count(invocation.command) == 0;
 }
 
+// Scrubs the stack when the command is done, however it ends.
+struct StackScrub {
+  StackScrub() = default;
+  StackScrub(const StackScrub&) = delete;
+  StackScrub& operator=(const StackScrub&) = delete;
+  ~StackScrub() { tavik::cli::scrubStack(); }
+};
+
 int fail(const std::string& command, const char* message, int status) {
   std::cerr << "certcache: " << command << ": " << message << '\n';
   return status;
@@ -77,6 +85,8 @@ int main(int argc, char** argv) {
   try {
     setUpLogging(invocation.logLevel);
     tavik::cli::tellProtection();
+    // OpenSSL's dead stack frames may hold what it did not cleanse.
+    const StackScrub scrub;
     const int status = tavik::cli::runCommand(invocation, std::cout);
     std::cout.flush();
     if (!std::cout) {

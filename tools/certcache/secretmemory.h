@@ -32,6 +32,12 @@ void tellProtection();
 // private key reads one before the key exists.
 void startSecureHeap();
 
+// Overwrites the stack below the caller, as deep as OpenSSL's calls go: what
+// dead frames hold is never cleansed by them. OpenSSL 3.0's key reading
+// leaves the password in a stack buffer; a core taken after `check --passin`
+// held its last 19 bytes. Called when a command is done.
+void scrubStack();
+
 }  // namespace cli
 }  // namespace tavik
 
