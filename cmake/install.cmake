@@ -18,7 +18,7 @@ foreach(header
     crypto/revocationlist.h crypto/revocationlists.h
     base/certificate.h base/certificateidentity.h base/certificatefilter.h
     base/certificatestore.h base/configurationinit.h base/environment.h
-    base/filename.h base/opensslutil.h base/stringutil.h
+    base/filename.h base/opensslutil.h base/secretstring.h base/stringutil.h
     log/log.h)
   get_filename_component(directory ${header} DIRECTORY)
   install(FILES ${PROJECT_SOURCE_DIR}/src/${header} DESTINATION include/tavik/${directory})

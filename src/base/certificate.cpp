@@ -13,6 +13,7 @@
 #include "base/filecontents.h"
 #include "base/pem.h"
 #include "base/pemfile.h"
+#include "base/secretstring.h"
 
 namespace tavik {
 
@@ -59,9 +60,13 @@ bool isEmptyFile(const std::string& path) {
 }
 
 PkeyHandle readPrivateKey(const std::string& keyPath, const std::string& password) {
-  std::string contents;
-  if (!readSmallRegularFile(keyPath, kMaxCredentialFileSize, contents)) return PkeyHandle();
-  BioPtr bio(BIO_new_mem_buf(contents.data(), static_cast<int>(contents.size())));
+  // A key file put into the store by hand may hold its key unencrypted.
+  std::string read;
+  const bool whole = readSmallRegularFile(keyPath, kMaxCredentialFileSize, read);
+  const SecretString contents(std::move(read));
+  if (!whole) return PkeyHandle();
+  // Read in place, not copied: the BIO is a view of `contents`.
+  BioPtr bio(BIO_new_mem_buf(contents.c_str(), static_cast<int>(contents.size())));
   if (!bio) return PkeyHandle();
   // The password goes in as the default pass-phrase callback's user data, as it
   // went in when the key was written; it is never null, so OpenSSL never prompts.
@@ -126,10 +131,12 @@ std::shared_ptr<Certificate> Certificate::createFromFileWithKey(std::string cert
                                                                 std::string keyPath,
                                                                 std::string password,
                                                                 bool /*loadFlag*/) {
+  // The caller's copy of the password is cleansed on every way out.
+  const SecretString passPhrase(std::move(password));
   // The key can only be matched against a fully decoded certificate.
   std::shared_ptr<Certificate> certificate = createFromFile(std::move(certPath), true);
   if (!certificate) return nullptr;
-  PkeyHandle key = readPrivateKey(keyPath, password);
+  PkeyHandle key = readPrivateKey(keyPath, passPhrase.str());
   if (!key || X509_check_private_key(certificate->x509_.get(), key.get()) != 1) {
     ERR_clear_error();
     return nullptr;

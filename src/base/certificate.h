@@ -35,6 +35,8 @@ class Certificate {
   // Reads a certificate and its PEM private key, decrypted with `password` (its
   // characters up to the first NUL). Empty unless the key decrypts and matches
   // the certificate's public key. The certificate is always decoded whole.
+  // `password`, the function's own copy, and the key file's bytes are
+  // cleansed before they go (base/secretstring.h).
   static std::shared_ptr<Certificate> createFromFileWithKey(std::string certPath,
                                                             std::string keyPath,
                                                             std::string password, bool loadFlag);

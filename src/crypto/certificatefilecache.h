@@ -56,6 +56,28 @@
 // or processes that write the same base name at once race as two processes
 // writing the same files do. A Certificate that a lookup returns is the
 // caller's own, whichever thread uses it.
+//
+// Secrets. Passwords reach the cache as `const std::string&` and leave it
+// nowhere: no log statement, file name or message holds one. What the cache
+// copies it cleanses before the copy goes (base/secretstring.h): the lookups'
+// copy of the password (Certificate::createFromFileWithKey takes it by value
+// and cleanses it) and the bytes of a key file it read. The private key of a
+// Certificate is OpenSSL's EVP_PKEY, freed with the Certificate; OpenSSL
+// clears its numbers when it frees them, and keeps them in its secure heap
+// when the program started one. What stays the caller's job, since a library
+// must not change its host process:
+//   - the caller's own copies of the password (SecretString holds one and
+//     cleanses it);
+//   - OpenSSL 3.0 frees some intermediate buffers of a key it decrypts or
+//     encrypts (the decrypted PKCS#8 and its DER read by the key decoder)
+//     without cleansing them: a program that must leave none installs an
+//     allocator that cleanses what it frees, with CRYPTO_set_mem_functions
+//     before OpenSSL allocates (ConfigurationInit allows that), as the
+//     certcache tool does;
+//   - OpenSSL's secure heap (CRYPTO_secure_malloc_init), locked memory that
+//     core dumps leave out, and whether the process may dump core at all
+//     (prctl PR_SET_DUMPABLE, RLIMIT_CORE).
+// docs/security.md says what the tool does and how to check it.
 #ifndef TAVIK_CRYPTO_CERTIFICATEFILECACHE_H_
 #define TAVIK_CRYPTO_CERTIFICATEFILECACHE_H_
 

@@ -55,7 +55,8 @@ int listCommand(const Invocation& invocation, std::ostream& out) {
 
 int showCommand(const Invocation& invocation, std::ostream& out) {
   const bool withPassword = !invocation.passin.empty();
-  const std::string password = withPassword ? readPassword(invocation.passin, false) : "";
+  const SecretString password =
+      withPassword ? readPassword(invocation.passin, false) : SecretString();
   StoreSession session(invocation.store, StoreAccess::kRead);
 
   ShowRecord record;
@@ -63,7 +64,7 @@ int showCommand(const Invocation& invocation, std::ostream& out) {
   std::shared_ptr<Certificate> certificate;
   if (withPassword) {
     int errorCode = CertFileCache::kFound;
-    certificate = session.cache().getCertificate(invocation.id, password, errorCode, true);
+    certificate = session.cache().getCertificate(invocation.id, password.str(), errorCode, true);
     if (!certificate) {
       throw ToolError(lookupExitStatus(errorCode), describeLookupError(errorCode, invocation.id));
     }
@@ -107,7 +108,7 @@ int selfSignedCommand(const Invocation& invocation, std::ostream& out) {
         kExitUsage,
         "self-signed makes user certificates only, which a --kind ca store never lists");
   }
-  const std::string password = readPassword(invocation.passin, true);
+  const SecretString password = readPassword(invocation.passin, true);
   StoreSession session(invocation.store, StoreAccess::kPrepare);
   const std::string what = "no self-signed pair made for '" + invocation.email + "'";
   const std::string baseName = subjectToFilename(invocation.subject, invocation.email);
@@ -124,12 +125,12 @@ int selfSignedCommand(const Invocation& invocation, std::ostream& out) {
   StoreCommit commit(session.root(), session.filter().subdirectory());
   CertFileCache& cache = commit.cache(session.sharedFilter(), session.withKeys());
   const int flags = CertFileCache::overwriteExisting;
-  failOnResult(
-      invocation.legacyKey
-          ? cache.createSelfSignedKeyPair(invocation.subject, invocation.email, password, flags)
-          : cache.createSelfSignedKeyPair(invocation.subject, invocation.email, password, flags,
-                                          invocation.credential),
-      what);
+  failOnResult(invocation.legacyKey
+                   ? cache.createSelfSignedKeyPair(invocation.subject, invocation.email,
+                                                   password.str(), flags)
+                   : cache.createSelfSignedKeyPair(invocation.subject, invocation.email,
+                                                   password.str(), flags, invocation.credential),
+               what);
   session.change();
   refuseExisting();
   for (const char* extension : {kKeyExtension, kCertExtension})

@@ -172,13 +172,14 @@ std::string judgeRevocation(const Invocation& invocation,
 
 int checkCommand(const Invocation& invocation, std::ostream& out) {
   const bool withPassword = !invocation.passin.empty();
-  const std::string password = withPassword ? readPassword(invocation.passin, false) : "";
+  const SecretString password =
+      withPassword ? readPassword(invocation.passin, false) : SecretString();
   StoreSession session(invocation.store, StoreAccess::kInspect);
   CheckRules rules;
   rules.withKeys = session.withKeys();
   rules.now = std::time(nullptr);
   rules.days = invocation.days;
-  if (withPassword && session.withKeys()) rules.password = &password;
+  if (withPassword && session.withKeys()) rules.password = &password.str();
   // A user certificate whose issuer is nowhere in the store cannot be presented
   // with its chain.
   const CertificateChain authorities(session.store());

@@ -95,14 +95,14 @@ void nameWhatWasLeftOut(const CertificateInput& input, const Certificate& instal
 
 int installCommand(const Invocation& invocation, std::ostream& out) {
   const bool withKeys = invocation.store.withKeys;
-  const std::string password = withKeys ? readPassword(invocation.passin, false) : std::string();
+  const SecretString password = withKeys ? readPassword(invocation.passin, false) : SecretString();
   const CertificateInput input = readCertificateInput(readInput(invocation.inputFile));
   StoreSession session(invocation.store, StoreAccess::kCreate);
 
   InstallTarget target;
   if (withKeys) {
     target = findKeyHolder(input.certificates, invocation.id, session.filter(), session.directory(),
-                           password);
+                           password.str());
     if (!invocation.overwrite) refuseReplacing(session, target);
   } else {
     // No key to compare with: the cache's own refusal of an existing file is all.

@@ -5,10 +5,13 @@
 #include <exception>
 #include <iostream>
 #include <new>
+#include <set>
+#include <string>
 
 #include "commandline.h"
 #include "commands.h"
 #include "log/log.h"
+#include "secretmemory.h"
 #include "toolerror.h"
 
 namespace {
@@ -40,6 +43,25 @@ void setUpLogging(const std::string& level) {
   tavik::LogFacility::setUp(true);
 }
 
+// Whether the run may read a password, and so open or make a private key. The
+// commands named here read one only when --passin or --passout is given;
+// every other command, a new one included, may ask for one.
+bool mayReadPassword(const tavik::cli::Invocation& invocation) {
+  static const std::set<std::string> withoutPassword = {
+      "list",     "show",  "files",  "cancel-request", "rename",  "remove",  "recover",
+      "expiring", "check", "verify", "watch",          "crl add", "crl list"};
+  return !invocation.passin.empty() || !invocation.passout.empty() ||
+         withoutPassword.count(invocation.command) == 0;
+}
+
+// Scrubs the stack when the command is done, however it ends.
+struct StackScrub {
+  StackScrub() = default;
+  StackScrub(const StackScrub&) = delete;
+  StackScrub& operator=(const StackScrub&) = delete;
+  ~StackScrub() { tavik::cli::scrubStack(); }
+};
+
 int fail(const std::string& command, const char* message, int status) {
   std::cerr << "certcache: " << command << ": " << message << '\n';
   return status;
@@ -51,13 +73,20 @@ int main(int argc, char** argv) {
   // Before anything else: a key file must never be readable by others, not
   // even between its creation and the cache's restriction of it.
   ::umask(077);
+  // No core, whatever happens from here on.
+  tavik::cli::protectProcessMemory();
 
   tavik::cli::Invocation invocation;
   const int parsed = tavik::cli::parseCommandLine(argc, argv, invocation);
   if (parsed >= 0) return parsed;
+  // Before OpenSSL allocates anything: its allocator can be set only then.
+  if (mayReadPassword(invocation)) tavik::cli::cleanseOpenSSLMemory();
 
   try {
     setUpLogging(invocation.logLevel);
+    tavik::cli::tellProtection();
+    // OpenSSL's dead stack frames may hold what it did not cleanse.
+    const StackScrub scrub;
     const int status = tavik::cli::runCommand(invocation, std::cout);
     std::cout.flush();
     if (!std::cout) {

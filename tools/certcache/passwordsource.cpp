@@ -8,8 +8,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
+#include <utility>
 
 #include "base/filedescriptor.h"
+#include "secretmemory.h"
 #include "toolerror.h"
 
 namespace tavik {
@@ -24,10 +27,10 @@ constexpr std::size_t kMaxPasswordBytes = std::size_t{64} * 1024;
 const char kSourceForms[] = "pass:TEXT, env:VAR, file:PATH, fd:N or stdin";
 
 // Reads one line from `fd`, a byte at a time so that nothing after the line is
-// consumed (the rest of standard input may still be wanted). `what` names the
-// source in an error message.
-std::string readLine(int fd, const std::string& what) {
-  std::string line;
+// consumed (the rest of standard input may still be wanted) and no buffer but
+// the line holds the password. `what` names the source in an error message.
+SecretString readLine(int fd, const std::string& what) {
+  SecretString line;
   for (;;) {
     char byte;
     const ssize_t got = ::read(fd, &byte, 1);
@@ -43,11 +46,11 @@ std::string readLine(int fd, const std::string& what) {
     }
     line.push_back(byte);
   }
-  if (!line.empty() && line.back() == '\r') line.pop_back();
+  if (!line.empty() && line.str().back() == '\r') line.pop_back();
   return line;
 }
 
-std::string readFromFile(const std::string& path) {
+SecretString readFromFile(const std::string& path) {
   const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
   if (!file.isOpen()) {
     throw ToolError(kExitNoInput,
@@ -56,7 +59,7 @@ std::string readFromFile(const std::string& path) {
   return readLine(file.get(), "the file " + path);
 }
 
-std::string readFromDescriptor(const std::string& number) {
+SecretString readFromDescriptor(const std::string& number) {
   if (number.empty() || number.size() > 9 ||
       number.find_first_not_of("0123456789") != std::string::npos) {
     throw ToolError(kExitUsage, "--passin fd: takes a file descriptor number, as in fd:3");
@@ -85,8 +88,8 @@ class EchoOff {
   bool restore_ = false;
 };
 
-std::string ask(const char* prompt) {
-  std::string answer;
+SecretString ask(const char* prompt) {
+  SecretString answer;
   {
     // Echo goes off before the prompt shows: switching it flushes what was
     // typed, and nothing typed after the prompt must be lost.
@@ -99,13 +102,13 @@ std::string ask(const char* prompt) {
   return answer;
 }
 
-std::string prompt(bool confirm) {
+SecretString prompt(bool confirm) {
   if (!::isatty(STDIN_FILENO)) {
     throw ToolError(kExitUsage, std::string("this command needs a password: give --passin (") +
                                     kSourceForms + ")");
   }
-  std::string password = ask("Password: ");
-  if (confirm && ask("Password again: ") != password) {
+  SecretString password = ask("Password: ");
+  if (confirm && ask("Password again: ").str() != password.str()) {
     throw ToolError(kExitUsage, "the two passwords entered differ");
   }
   return password;
@@ -118,16 +121,16 @@ bool startsWith(const std::string& text, const char* prefix, std::string& rest) 
   return true;
 }
 
-std::string readFromSource(const std::string& passinSource, bool confirm) {
+SecretString readFromSource(const std::string& passinSource, bool confirm) {
   std::string rest;
   if (passinSource.empty()) return prompt(confirm);
-  if (startsWith(passinSource, "pass:", rest)) return rest;
+  if (startsWith(passinSource, "pass:", rest)) return SecretString(std::move(rest));
   if (startsWith(passinSource, "env:", rest)) {
     const char* value = rest.empty() ? nullptr : std::getenv(rest.c_str());
     if (value == nullptr) {
       throw ToolError(kExitNoInput, "the environment variable '" + rest + "' is not set");
     }
-    return value;
+    return SecretString(std::string_view(value));
   }
   if (startsWith(passinSource, "file:", rest)) return readFromFile(rest);
   if (startsWith(passinSource, "fd:", rest)) return readFromDescriptor(rest);
@@ -139,9 +142,12 @@ std::string readFromSource(const std::string& passinSource, bool confirm) {
 
 }  // namespace
 
-std::string readPassword(const std::string& passinSource, bool confirm) {
-  std::string password = readFromSource(passinSource, confirm);
-  if (password.find('\0') != std::string::npos) {
+SecretString readPassword(const std::string& passinSource, bool confirm) {
+  // A password comes before every private key the tool opens or makes: the
+  // key's numbers get their locked place first.
+  startSecureHeap();
+  SecretString password = readFromSource(passinSource, confirm);
+  if (password.str().find('\0') != std::string::npos) {
     throw ToolError(kExitUsage, "the password holds a NUL byte, which cannot be used");
   }
   return password;

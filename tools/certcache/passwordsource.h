@@ -2,11 +2,15 @@
 // asking the person at the terminal.
 //
 // The password is returned to the caller and goes nowhere else: it is never
-// printed, logged, or put into an error message.
+// printed, logged, or put into an error message. It is read into a
+// SecretString, which cleanses it when it goes; what the system keeps of it
+// stays: the command line (pass:), the environment (env:).
 #ifndef TAVIK_TOOLS_CERTCACHE_PASSWORDSOURCE_H_
 #define TAVIK_TOOLS_CERTCACHE_PASSWORDSOURCE_H_
 
 #include <string>
+
+#include "base/secretstring.h"
 
 namespace tavik {
 namespace cli {
@@ -25,7 +29,7 @@ namespace cli {
 // Throws ToolError: 64 for a passinSource of no known form, a missing password, a
 // password holding a NUL byte or two entries that differ; 66 for a source that
 // cannot be read.
-std::string readPassword(const std::string& passinSource, bool confirm);
+SecretString readPassword(const std::string& passinSource, bool confirm);
 
 }  // namespace cli
 }  // namespace tavik

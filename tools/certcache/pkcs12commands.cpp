@@ -50,8 +50,9 @@ void refuseKeylessStore(const Invocation& invocation) {
 
 // The second password: the --passout source's, or the first one again. It
 // protects a key, so it may not be empty.
-std::string secondPassword(const Invocation& invocation, const std::string& first) {
-  std::string second = invocation.passout.empty() ? first : readPassword(invocation.passout, true);
+SecretString secondPassword(const Invocation& invocation, const SecretString& first) {
+  SecretString second = invocation.passout.empty() ? SecretString(first.str())
+                                                   : readPassword(invocation.passout, true);
   if (second.empty()) {
     throw ToolError(CertFileCache::kEmptyPassword, "the password that protects the key is empty");
   }
@@ -152,11 +153,13 @@ struct Pkcs12Contents {
 };
 
 Pkcs12Contents readPkcs12(const std::string& path, const std::string& password) {
-  std::string bytes;
-  if (!readSmallRegularFile(path, kMaxCredentialFileSize, bytes)) {
+  std::string read;
+  const bool whole = readSmallRegularFile(path, kMaxCredentialFileSize, read);
+  const SecretString bytes(std::move(read));
+  if (!whole) {
     throw ToolError(kExitNoInput, "cannot read " + path + " (or it is larger than 1 MiB)");
   }
-  const unsigned char* at = reinterpret_cast<const unsigned char*>(bytes.data());
+  const unsigned char* at = reinterpret_cast<const unsigned char*>(bytes.c_str());
   Pkcs12Ptr container(d2i_PKCS12(nullptr, &at, static_cast<long>(bytes.size())));
   ERR_clear_error();
   if (!container) throw ToolError(kExitDataError, path + " is not a PKCS#12 file");
@@ -261,10 +264,10 @@ int exportCommand(const Invocation& invocation, std::ostream& out) {
   // The certificates alone are no secret: --pem without --key-out needs no password.
   const bool withKey = !invocation.pemExport || !invocation.keyOutFile.empty();
   if (withKey) refuseKeylessStore(invocation);
-  const std::string password = withKey ? readPassword(invocation.passin, false) : "";
-  const std::string filePassword = withKey ? secondPassword(invocation, password) : "";
+  const SecretString password = withKey ? readPassword(invocation.passin, false) : SecretString();
+  const SecretString filePassword = withKey ? secondPassword(invocation, password) : SecretString();
   StoreSession session(invocation.store, StoreAccess::kRead);
-  ChainedCredential credential = readCredential(session, invocation.id, password, withKey);
+  ChainedCredential credential = readCredential(session, invocation.id, password.str(), withKey);
   if (invocation.noChain) credential.authorities.clear();
   X509* certificate = credential.certificate->getX509();
   if (invocation.pemExport) {
@@ -274,7 +277,7 @@ int exportCommand(const Invocation& invocation, std::ostream& out) {
     writeOrFail(invocation.outFile, text);
     if (withKey) {
       replaceFile(invocation.keyOutFile, [&](const std::string& file) {
-        return session.cache().writePrivateKey(file, filePassword,
+        return session.cache().writePrivateKey(file, filePassword.str(),
                                                credential.certificate->getPrivateKey(),
                                                CredentialProfile()) == CertFileCache::kDone;
       });
@@ -284,8 +287,9 @@ int exportCommand(const Invocation& invocation, std::ostream& out) {
     if (!authorities) throw ToolError(kExitIoError, "out of memory");
     const Pkcs12Ptr container =
         makePkcs12(invocation.id, certificate, credential.certificate->getPrivateKey(),
-                   authorities.get(), filePassword, invocation.legacyPkcs12);
-    writeOrFail(invocation.outFile, encodeDer<PKCS12, i2d_PKCS12>(container.get()));
+                   authorities.get(), filePassword.str(), invocation.legacyPkcs12);
+    writeOrFail(invocation.outFile,
+                SecretString(encodeDer<PKCS12, i2d_PKCS12>(container.get())).str());
   }
   if (invocation.legacyPkcs12) {
     std::cerr << "certcache: export: " << invocation.outFile
@@ -305,9 +309,9 @@ int exportCommand(const Invocation& invocation, std::ostream& out) {
 
 int importCommand(const Invocation& invocation, std::ostream& out) {
   refuseKeylessStore(invocation);
-  const std::string filePassword = readPassword(invocation.passin, false);
-  const std::string password = secondPassword(invocation, filePassword);
-  const Pkcs12Contents contents = readPkcs12(invocation.inputFile, filePassword);
+  const SecretString filePassword = readPassword(invocation.passin, false);
+  const SecretString password = secondPassword(invocation, filePassword);
+  const Pkcs12Contents contents = readPkcs12(invocation.inputFile, filePassword.str());
   StoreSession session(invocation.store, StoreAccess::kCreate);
   const std::shared_ptr<Certificate> certificate = storeCertificate(contents.certificate.get());
   if (!session.filter().acceptsCertificate(certificate)) {
@@ -331,7 +335,7 @@ int importCommand(const Invocation& invocation, std::ostream& out) {
   for (int i = 0; i < sk_X509_num(contents.authorities.get()); ++i)
     others.push_back(storeCertificate(sk_X509_value(contents.authorities.get(), i)));
   tellKeptAuthorities(writePair(session, baseName, contents.certificate.get(), contents.key.get(),
-                                password, others));
+                                password.str(), others));
   for (const std::shared_ptr<Certificate>& other : others) {
     if (!other->identity().authority) {
       std::cerr << "certcache: import: left out " << other->identity().name

@@ -88,16 +88,16 @@ int makeRequest(StoreSession& session, const std::string& subject, const std::st
 
 int requestCommand(const Invocation& invocation, std::ostream& out) {
   checkEmailAddress(invocation.email);
-  const std::string password = readPassword(invocation.passin, true);
+  const SecretString password = readPassword(invocation.passin, true);
   StoreSession session(invocation.store, StoreAccess::kPrepare);
   int flags = invocation.overwrite ? CertFileCache::overwriteExisting : 0;
   if (invocation.noTempKey) flags |= CertFileCache::skipTemporaryKey;
   return makeRequest(
-      session, invocation.subject, invocation.email, password, flags, invocation, [] {}, out);
+      session, invocation.subject, invocation.email, password.str(), flags, invocation, [] {}, out);
 }
 
 int renewCommand(const Invocation& invocation, std::ostream& out) {
-  const std::string password = readPassword(invocation.passin, true);
+  const SecretString password = readPassword(invocation.passin, true);
   StoreSession session(invocation.store, StoreAccess::kRead);
   std::string baseName;
   const std::shared_ptr<Certificate> certificate =
@@ -124,7 +124,7 @@ int renewCommand(const Invocation& invocation, std::ostream& out) {
                                      "' changed while its new key was made; try again");
     }
   };
-  return makeRequest(session, subject, email, password, CertFileCache::overwriteExisting,
+  return makeRequest(session, subject, email, password.str(), CertFileCache::overwriteExisting,
                      invocation, recheck, out);
 }
 
